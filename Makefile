@@ -1,0 +1,37 @@
+# Thin wrapper over CMake: make demo | make test | make bench | make install.
+BUILD   ?= build
+PREFIX  ?= /usr/local
+JOBS    ?= $(shell nproc)
+WERROR  ?= ON
+CMAKE_FLAGS ?=
+
+.PHONY: all deps configure build test demo install bench format clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+configure:
+	@cmake -S . -B $(BUILD) -DVESKDBUD_WERROR=$(WERROR) -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
+	  $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD) -j$(JOBS)
+
+test: deps
+	@$(MAKE) --no-print-directory build
+	@cd $(BUILD) && ctest --output-on-failure -j$(JOBS) --timeout 600
+
+demo: deps
+	@$(MAKE) --no-print-directory build
+	@echo "The demo comes with the operator CLI; the library and its tests are built."
+
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+format:
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD)

@@ -1,0 +1,63 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace vesk::dataupdate::log {
+
+const char* LevelName(int priority) noexcept {
+  static const char* const kNames[] = {"emerg",   "alert",  "crit", "err",
+                                       "warning", "notice", "info", "debug"};
+  return kNames[LOG_PRI(priority)];
+}
+
+namespace {
+
+void Mirror(int priority, const char* message) noexcept {
+  const char* path = std::getenv("VESKDBUD_LOG_FILE");
+  if (path == nullptr || *path == '\0')
+    return;
+  int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0)
+    return;
+  char line[4200];
+  int n = std::snprintf(line, sizeof line, "%s: %s\n", LevelName(priority), message);
+  if (n > 0) {
+    size_t len = static_cast<size_t>(n) < sizeof line ? static_cast<size_t>(n) : sizeof line - 1;
+    if (len == sizeof line - 1)
+      line[len - 1] = '\n';
+    ssize_t written = write(fd, line, len);
+    static_cast<void>(written);  // a lost mirror line must not fail the caller
+  }
+  close(fd);
+}
+
+}  // namespace
+
+namespace detail {
+
+void Emit(const Site* site, ...) noexcept {
+  char message[4096];
+  int used = 0;
+  if (site->file != nullptr) {
+    used = std::snprintf(message, sizeof message, "%s:%d ", site->file, site->line);
+    if (used < 0)
+      used = 0;
+  }
+  va_list ap;
+  va_start(ap, site);
+  std::vsnprintf(message + used, sizeof message - static_cast<size_t>(used), site->text, ap);
+  va_end(ap);
+
+  syslog(site->priority, "%s", message);
+  Mirror(site->priority, message);
+}
+
+}  // namespace detail
+}  // namespace vesk::dataupdate::log

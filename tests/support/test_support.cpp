@@ -1,0 +1,202 @@
+#include "test_support.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace vesk::test {
+
+TempDir::TempDir() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/veskdbud-test-XXXXXX";
+  std::vector<char> buf(pattern.begin(), pattern.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr)
+    throw std::runtime_error("mkdtemp failed");
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  boost::system::error_code ec;
+  boost::filesystem::remove_all(path_, ec);
+}
+
+ScopedEnv::ScopedEnv(const std::string& name, const char* value) : name_(name) {
+  const char* old = std::getenv(name.c_str());
+  had_old_ = old != nullptr;
+  if (had_old_)
+    old_ = old;
+  if (value != nullptr) {
+    setenv(name.c_str(), value, 1);
+  } else {
+    unsetenv(name.c_str());
+  }
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (had_old_) {
+    setenv(name_.c_str(), old_.c_str(), 1);
+  } else {
+    unsetenv(name_.c_str());
+  }
+}
+
+LogCapture::LogCapture()
+    : path_(dir_ / "log.txt"), env_("VESKDBUD_LOG_FILE", (dir_ / "log.txt").c_str()) {}
+
+std::vector<std::string> LogCapture::Lines() const {
+  std::vector<std::string> lines;
+  std::ifstream in(path_);
+  std::string line;
+  while (std::getline(in, line))
+    lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> LogCapture::Matching(const std::string& needle) const {
+  std::vector<std::string> found;
+  for (const auto& line : Lines()) {
+    if (line.find(needle) != std::string::npos)
+      found.push_back(line);
+  }
+  return found;
+}
+
+bool LogCapture::Contains(const std::string& line) const {
+  for (const auto& l : Lines()) {
+    if (l == line)
+      return true;
+  }
+  return false;
+}
+
+void LogCapture::Clear() const {
+  std::ofstream(path_, std::ios::trunc);
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  boost::filesystem::path p(path);
+  if (p.has_parent_path())
+    boost::filesystem::create_directories(p.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out)
+    throw std::runtime_error("cannot write " + path);
+  out << content;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    throw std::runtime_error("cannot read " + path);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+void SetAge(const std::string& path, long age_seconds) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  struct timeval times[2];
+  times[0].tv_sec = times[1].tv_sec = now.tv_sec - age_seconds;
+  times[0].tv_usec = times[1].tv_usec = 0;
+  if (utimes(path.c_str(), times) != 0)
+    throw std::runtime_error("utimes failed: " + path);
+}
+
+std::string SupportFile(const std::string& name) {
+  return std::string(VESKDBUD_TEST_SUPPORT_DIR) + "/" + name;
+}
+
+namespace {
+
+std::string Python() {
+  return access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
+}
+
+}  // namespace
+
+HttpServer::HttpServer(const std::string& dir) : log_path_(log_dir_ / "requests.log") {
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
+  const std::string python = Python();
+  const std::string script = SupportFile("http_server.py");
+  pid_ = fork();
+  if (pid_ < 0)
+    throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    int devnull = open("/dev/null", O_RDWR);
+    dup2(devnull, STDIN_FILENO);
+    dup2(devnull, STDERR_FILENO);
+    execlp(python.c_str(), python.c_str(), script.c_str(), "--dir", dir.c_str(), "--log",
+           log_path_.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  std::string line;
+  char c;
+  while (read(out[0], &c, 1) == 1 && c != '\n')
+    line.push_back(c);
+  close(out[0]);
+  port_ = std::atoi(line.c_str());
+  if (port_ <= 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    throw std::runtime_error("http server did not start");
+  }
+}
+
+HttpServer::~HttpServer() {
+  if (pid_ > 0) {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+std::string HttpServer::url(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + (path.empty() || path[0] != '/' ? "/" : "") +
+         path;
+}
+
+std::vector<std::string> HttpServer::Requests() const {
+  std::vector<std::string> lines;
+  std::ifstream in(log_path_);
+  std::string line;
+  while (std::getline(in, line))
+    lines.push_back(line);
+  return lines;
+}
+
+int UnusedPort() {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  socklen_t len = sizeof addr;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  close(fd);  // nothing listens: a connection is refused
+  return ntohs(addr.sin_port);
+}
+
+}  // namespace vesk::test

@@ -1,0 +1,102 @@
+// Shared helpers of the unit and system tests: a fresh temporary directory per
+// test, scoped environment variables, the log mirror, file helpers, a real HTTP
+// server on 127.0.0.1 and an assertion for UpdateError messages.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "dataupdate/error.h"
+
+namespace vesk::test {
+
+// A directory under $TMPDIR (or /tmp) removed with everything below it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Sets (or, with nullptr, unsets) an environment variable for its lifetime.
+class ScopedEnv {
+ public:
+  ScopedEnv(const std::string& name, const char* value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  bool had_old_;
+  std::string old_;
+};
+
+// Points VESKDBUD_LOG_FILE at a fresh file and reads back "<level>: <message>" lines.
+class LogCapture {
+ public:
+  LogCapture();
+  std::vector<std::string> Lines() const;
+  // Lines that contain `needle`.
+  std::vector<std::string> Matching(const std::string& needle) const;
+  bool Contains(const std::string& line) const;
+  void Clear() const;
+
+ private:
+  TempDir dir_;
+  std::string path_;
+  ScopedEnv env_;
+};
+
+void WriteFile(const std::string& path, const std::string& content);
+std::string ReadFile(const std::string& path);
+bool Exists(const std::string& path);
+// Sets the modification time of `path` to now - `age_seconds`.
+void SetAge(const std::string& path, long age_seconds);
+
+// A python3 static file server over `dir` on 127.0.0.1, stopped on destruction.
+class HttpServer {
+ public:
+  explicit HttpServer(const std::string& dir);
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+  int port() const { return port_; }
+  std::string url(const std::string& path) const;
+  // Requests served so far, each as "GET /path".
+  std::vector<std::string> Requests() const;
+
+ private:
+  TempDir log_dir_;
+  std::string log_path_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+// A TCP port on 127.0.0.1 with nothing listening on it.
+int UnusedPort();
+
+// Path of a test-support file shipped in the source tree (tests/support/...).
+std::string SupportFile(const std::string& name);
+
+}  // namespace vesk::test
+
+// Expects `statement` to throw UpdateError whose what() equals `message`.
+#define EXPECT_UPDATE_ERROR(statement, message)                        \
+  do {                                                                 \
+    try {                                                              \
+      statement;                                                       \
+      ADD_FAILURE() << "expected UpdateError \"" << (message) << "\""; \
+    } catch (const ::vesk::dataupdate::UpdateError& e_) {              \
+      EXPECT_EQ(std::string(e_.what()), std::string(message));         \
+    }                                                                  \
+  } while (0)

@@ -1,0 +1,59 @@
+#include "log.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "log_sites.h"
+#include "test_support.h"
+
+namespace log = vesk::dataupdate::log;
+
+TEST(Log, MirrorLineCarriesLevelLabelAndLine) {
+  vesk::test::LogCapture capture;
+  log::Write(log::site::kLockAcquired, std::string("/run/data_update/update_any.lock"));
+  log::Write(log::site::kHookActionFailed, 4);
+  log::Write(log::site::kSpaceAvailable, static_cast<intmax_t>(-5));
+  log::Write(log::site::kHwidFailed);
+  EXPECT_EQ(capture.Lines(),
+            (std::vector<std::string>{
+                "info: file_lock.cpp:44 Acquire lock on file: /run/data_update/update_any.lock",
+                "err: hook.cpp:107 Failed to exec hook at action [4]",
+                "debug: strategy.cpp:91 available: -5",
+                "err: Failed to init hwid context",
+            }));
+}
+
+TEST(Log, EveryPriorityHasItsName) {
+  const char* expected[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
+  for (int p = LOG_EMERG; p <= LOG_DEBUG; ++p)
+    EXPECT_STREQ(log::LevelName(p), expected[p]);
+}
+
+TEST(Log, LinesFromSeveralProcessesAreNotInterleaved) {
+  vesk::test::LogCapture capture;
+  const std::string long_text(1500, 'x');
+  std::vector<pid_t> children;
+  for (int c = 0; c < 4; ++c) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      for (int i = 0; i < 50; ++i)
+        log::Write(log::site::kStatusMissing, long_text);
+      _exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children)
+    waitpid(pid, nullptr, 0);
+  auto lines = capture.Lines();
+  ASSERT_EQ(lines.size(), 200u);
+  for (const auto& line : lines)
+    EXPECT_EQ(line, "info: update.cpp:170 " + long_text);
+}
+
+TEST(Log, WithoutMirrorNothingIsWrittenAndNothingFails) {
+  vesk::test::ScopedEnv unset("VESKDBUD_LOG_FILE", nullptr);
+  EXPECT_NO_FATAL_FAILURE(log::Write(log::site::kUpToDate, std::string("db")));
+  vesk::test::ScopedEnv bad("VESKDBUD_LOG_FILE", "/nonexistent/dir/log");
+  EXPECT_NO_FATAL_FAILURE(log::Write(log::site::kUpToDate, std::string("db")));
+}

@@ -1,0 +1,246 @@
+#include "dataupdate/io_utils.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "dataupdate/error.h"
+#include "test_support.h"
+
+using namespace vesk::dataupdate;
+using vesk::test::Exists;
+using vesk::test::ReadFile;
+using vesk::test::TempDir;
+using vesk::test::WriteFile;
+
+namespace {
+
+const char kEmptySha384[] =
+    "38b060a751ac96384cd9327eb1b1e36a21fdb71114be07434c0cc7bf63f6e1da274edebfe76f65fbd51ad2f14898b9"
+    "5b";
+const char kAbcSha384[] =
+    "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed8086072ba1e7cc2358baeca134c825"
+    "a7";
+
+class IOUtilsTest : public ::testing::Test {
+ protected:
+  IOUtils io;
+  TempDir dir;
+};
+
+std::vector<std::string> Walk(const IOUtils& io, const std::string& dir, bool recursive) {
+  std::vector<std::string> seen;
+  io.IterateDirectory(
+      dir, [&](const std::string& p) { seen.push_back(p); }, recursive);
+  return seen;
+}
+
+}  // namespace
+
+TEST_F(IOUtilsTest, GetSizeCountsRegularFilesOnly) {
+  EXPECT_EQ(io.GetSize(dir / "missing"), 0u);
+  EXPECT_EQ(io.GetSize(dir.path()), 0u);
+  WriteFile(dir / "ten", std::string(10, 'x'));
+  WriteFile(dir / "sub/five", std::string(5, 'y'));
+  ASSERT_EQ(symlink((dir / "ten").c_str(), (dir / "link").c_str()), 0);
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  // The link resolves to a regular file and counts; the fifo does not.
+  EXPECT_EQ(io.GetSize(dir.path()), 25u);
+  EXPECT_EQ(io.GetSize(dir / "ten"), 10u);
+  EXPECT_EQ(io.GetSize(dir / "fifo"), 0u);
+}
+
+TEST_F(IOUtilsTest, GetFsSizeNeedsAnExistingDirectory) {
+  WriteFile(dir / "f", "x");
+  EXPECT_UPDATE_ERROR(io.GetFsSize(dir / "f"), "Invalid filesystem to testing space");
+  EXPECT_UPDATE_ERROR(io.GetFsSize(dir / "none"), "Invalid filesystem to testing space");
+  auto [available, capacity] = io.GetFsSize(dir.path());
+  EXPECT_GT(capacity, 0u);
+  EXPECT_GE(available, 0);
+  EXPECT_LE(static_cast<std::uint64_t>(available), capacity);
+}
+
+TEST_F(IOUtilsTest, ReadJsonDistinguishesMissingUnreadableAndUndecodable) {
+  try {
+    io.ReadJson(dir / "none.json");
+    FAIL() << "no error";
+  } catch (const UpdateError& e) {
+    EXPECT_EQ(std::string(e.what()), "File not exist: " + (dir / "none.json"));
+    EXPECT_EQ(e.code(), UpdateError::kFileNotExist);
+  }
+  WriteFile(dir / "empty.json", "");
+  EXPECT_UPDATE_ERROR(io.ReadJson(dir / "empty.json"), "Fail to decode: " + (dir / "empty.json"));
+  WriteFile(dir / "bad.json", "{\"a\": ");
+  EXPECT_UPDATE_ERROR(io.ReadJson(dir / "bad.json"), "Fail to decode: " + (dir / "bad.json"));
+
+  WriteFile(dir / "ok.json", "// a comment\n{\"a\": {\"b\": 1}}");
+  EXPECT_EQ(io.ReadJson(dir / "ok.json")["a"]["b"].asInt(), 1);
+}
+
+TEST_F(IOUtilsTest, ReadJsonOfUnreadableFileIsAReadFailure) {
+  if (geteuid() == 0)
+    GTEST_SKIP() << "root reads files whatever their mode";
+  WriteFile(dir / "secret.json", "{}");
+  chmod((dir / "secret.json").c_str(), 0);
+  EXPECT_UPDATE_ERROR(io.ReadJson(dir / "secret.json"), "Fail to read: " + (dir / "secret.json"));
+}
+
+TEST_F(IOUtilsTest, WriteJsonCreatesParentsTruncatesAndIndentsWithTabs) {
+  const std::string path = dir / "a/b/c.json";
+  Json::Value value;
+  value["s"]["k"] = "v";
+  io.WriteJson(path, value);
+  EXPECT_EQ(ReadFile(path), "{\n\t\"s\" : \n\t{\n\t\t\"k\" : \"v\"\n\t}\n}\n");
+
+  Json::Value small;
+  small["x"] = 1;
+  io.WriteJson(path, small);
+  EXPECT_EQ(io.ReadJson(path), small);
+
+  WriteFile(dir / "plain", "x");
+  EXPECT_UPDATE_ERROR(io.WriteJson(dir / "plain/sub/f.json", small),
+                      "Fail to create parent folder: " + (dir / "plain/sub/f.json"));
+  EXPECT_UPDATE_ERROR(io.WriteJson(dir.path(), small), "Fail to write: " + dir.path());
+}
+
+TEST_F(IOUtilsTest, FileCreateOverIsStrictlyOlderThan) {
+  WriteFile(dir / "f", "x");
+  EXPECT_FALSE(io.FileCreateOver(dir / "f", 3600));
+  vesk::test::SetAge(dir / "f", 7200);
+  EXPECT_TRUE(io.FileCreateOver(dir / "f", 3600));
+  vesk::test::SetAge(dir / "f", -600);  // in the future: never over
+  EXPECT_FALSE(io.FileCreateOver(dir / "f", 0));
+  EXPECT_UPDATE_ERROR(io.FileCreateOver(dir / "none", 1),
+                      "Failed to get attribute of " + (dir / "none") + ", errno=2");
+}
+
+TEST_F(IOUtilsTest, RmRfRemovesTreesFilesAndToleratesMissing) {
+  WriteFile(dir / "t/a/b/c", "x");
+  WriteFile(dir / "f", "x");
+  io.RmRf(dir / "t");
+  io.RmRf(dir / "f");
+  io.RmRf(dir / "none");
+  EXPECT_FALSE(Exists(dir / "t"));
+  EXPECT_FALSE(Exists(dir / "f"));
+}
+
+TEST_F(IOUtilsTest, CopyFileReplacesTargetAndCreatesParents) {
+  WriteFile(dir / "src", "new content");
+  WriteFile(dir / "out/old", "old");
+  io.CopyFile(dir / "src", dir / "out/old");
+  EXPECT_EQ(ReadFile(dir / "out/old"), "new content");
+  io.CopyFile(dir / "src", dir / "deep/er/copy");
+  EXPECT_EQ(ReadFile(dir / "deep/er/copy"), "new content");
+
+  ASSERT_EQ(symlink("src", (dir / "link").c_str()), 0);
+  io.CopyFile(dir / "link", dir / "link2");  // a link is copied as a link
+  struct stat st;
+  ASSERT_EQ(lstat((dir / "link2").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+
+  WriteFile(dir / "full/x", "x");
+  try {
+    io.CopyFile(dir / "src", dir / "full");
+    FAIL() << "a non-empty directory cannot be replaced";
+  } catch (const UpdateError& e) {
+    std::string prefix = "Fail to copy from " + (dir / "src") + " to " + (dir / "full") + ": ";
+    EXPECT_EQ(std::string(e.what()).substr(0, prefix.size()), prefix);
+  }
+  try {
+    io.CopyFile(dir / "none", dir / "x");
+    FAIL() << "missing source";
+  } catch (const UpdateError& e) {
+    EXPECT_NE(std::string(e.what()).find("Fail to copy from " + (dir / "none")), std::string::npos);
+  }
+}
+
+TEST_F(IOUtilsTest, VeskMkdirCreatesChainsAndAcceptsExisting) {
+  io.VeskMkdir(dir / "a/b/c");
+  io.VeskMkdir(dir / "a/b/c");
+  struct stat st;
+  ASSERT_EQ(stat((dir / "a/b/c").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  WriteFile(dir / "file", "x");
+  EXPECT_UPDATE_ERROR(io.VeskMkdir(dir / "file/sub"), "Fail to create dir " + (dir / "file/sub"));
+}
+
+TEST_F(IOUtilsTest, IterateDirectoryReportsContentsBeforeTheirDirectory) {
+  WriteFile(dir / "d/f", "x");
+  WriteFile(dir / "d/s/inner", "y");
+  auto flat = Walk(io, dir / "d", false);
+  std::sort(flat.begin(), flat.end());
+  EXPECT_EQ(flat, (std::vector<std::string>{dir / "d/f", dir / "d/s"}));
+
+  auto deep = Walk(io, dir / "d", true);
+  ASSERT_EQ(deep.size(), 3u);
+  auto pos = [&](const std::string& p) {
+    return std::find(deep.begin(), deep.end(), p) - deep.begin();
+  };
+  EXPECT_LT(pos(dir / "d/s/inner"), pos(dir / "d/s"));
+  EXPECT_LT(pos(dir / "d/f"), 3);
+
+  auto slash = Walk(io, dir / "d/", true);
+  std::sort(slash.begin(), slash.end());
+  std::sort(deep.begin(), deep.end());
+  EXPECT_EQ(slash, deep);
+
+  EXPECT_UPDATE_ERROR(Walk(io, dir / "none", false), "failed to read file stat: " + (dir / "none"));
+  EXPECT_UPDATE_ERROR(Walk(io, dir / "d/f", false), "not a directory: " + (dir / "d/f"));
+}
+
+TEST(Sha384, KnownDigestsInLowerCaseHex) {
+  std::istringstream empty;
+  EXPECT_EQ(GetSha384(empty), kEmptySha384);
+  std::istringstream abc("abc");
+  EXPECT_EQ(GetSha384(abc), kAbcSha384);
+}
+
+TEST(Sha384, StreamNotGoodOnEntryGivesDigestOfNothing) {
+  std::ifstream missing("/nonexistent/file");
+  EXPECT_EQ(GetSha384(missing), kEmptySha384);
+  TempDir dir;
+  std::fstream directory(dir.path(), std::ios::in | std::ios::out);  // a directory fails to open
+  EXPECT_EQ(GetSha384(directory), kEmptySha384);
+}
+
+TEST(Sha384, FileLargerThanOneBlockMatchesStringDigest) {
+  TempDir dir;
+  std::string content;
+  for (std::size_t i = 0; i < 300000; ++i)
+    content.push_back(static_cast<char>(i * 7919 % 251));
+  WriteFile(dir / "big", content);
+  std::fstream file(dir / "big", std::ios::in | std::ios::out);
+  std::istringstream same(content);
+  std::string digest = GetSha384(file);
+  EXPECT_EQ(digest, GetSha384(same));
+  EXPECT_EQ(digest.size(), 96u);
+  EXPECT_NE(digest, kEmptySha384);
+}
+
+TEST(FlatFileName, SlashesAndDotsBecomeUnderscores) {
+  EXPECT_EQ(FlatFileName("x.y/z"), "x_y_z");
+  EXPECT_EQ(FlatFileName("a/b.db"), "a_b_db");
+  EXPECT_EQ(FlatFileName("/lead.x"), "_lead_x");
+  EXPECT_EQ(FlatFileName(""), "");
+}
+
+TEST(NoexceptFormat, ArgumentCountMismatchGivesTextNotException) {
+  EXPECT_EQ((NoexceptFormat("Fail to create dir %s") % "/x").str(), "Fail to create dir /x");
+  EXPECT_NO_THROW((NoexceptFormat("%s and %s") % "one").str());
+  EXPECT_NO_THROW((NoexceptFormat("%s") % "one" % "two").str());
+  EXPECT_EQ((NoexceptFormat("Failed to enum all volumes: %x") % 255).str(),
+            "Failed to enum all volumes: ff");
+}
+
+TEST(UserAgent, NamesProductComponentAndSystem) {
+  std::string agent = VeskGetUserAgent("database");
+  EXPECT_EQ(agent.rfind("veskdbud/", 0), 0u) << agent;
+  EXPECT_NE(agent.find("(database; "), std::string::npos) << agent;
+  EXPECT_EQ(agent.back(), ')');
+  EXPECT_UPDATE_ERROR(VeskGetUserAgent(std::string(2000, 'c')),
+                      "Fail to generate user agent string");
+}
