@@ -1,0 +1,429 @@
+#include "dataupdate/strategy.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Transaction.h>
+#include <boost/filesystem.hpp>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+
+#include "dataupdate/error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/io_utils.h"
+#include "log_sites.h"
+#include "vesk/archive.h"
+#include "vesk/root.h"
+#include "vlib/vlibc.h"
+
+namespace fs = boost::filesystem;
+
+namespace vesk::dataupdate {
+namespace {
+
+constexpr unsigned int kUsingLockTimeout = 600;
+constexpr int kPackageKeyType = 6;
+
+struct ArchiveFree {
+  void operator()(veskarchive* handle) const { veskarchive_free(handle); }
+};
+using ArchiveHandle = std::unique_ptr<veskarchive, ArchiveFree>;
+
+std::string TmpRoot(const std::string& volume) {
+  return (NoexceptFormat("%s/@tmp/data_update") % volume).str();
+}
+
+std::string UsingLockPath(const std::string& id) {
+  return platform::RootPath((NoexceptFormat("/run/data_update/using_%s.lock") % id).str());
+}
+
+// Left-overs of a run that was killed part-way must not leak into this one.
+void FreshDirectory(const IOUtils& io, const std::string& path) {
+  io.RmRf(path);
+  io.VeskMkdir(path);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- BaseStrategy
+
+BaseStrategy::~BaseStrategy() = default;
+void BaseStrategy::PrepareUpdate() {}
+void BaseStrategy::ApplyUpdate() {}
+std::set<std::string> BaseStrategy::GetModifiedFiles() const { return {}; }
+long long BaseStrategy::GetDeltaSize() const { return 0; }
+
+bool BaseStrategy::_CheckDigest(const std::string& file, const std::string& digest) {
+  std::fstream in(file, std::ios::in | std::ios::out);
+  return GetSha384(in) == digest;
+}
+
+bool BaseStrategy::_IsSpaceEnough(const std::string& path, long long delta) {
+  IOUtils io;
+  auto [available, capacity] = io.GetFsSize(path);
+  log::Write(log::site::kSpaceCapacity, static_cast<uintmax_t>(capacity));
+  log::Write(log::site::kSpaceAvailable, static_cast<intmax_t>(available));
+  log::Write(log::site::kSpaceDelta, static_cast<intmax_t>(delta));
+  // The sum wraps like the 64-bit machine addition it has always been, without
+  // the undefined behaviour of signed overflow.
+  const auto sum = static_cast<std::int64_t>(static_cast<std::uint64_t>(available) +
+                                             static_cast<std::uint64_t>(delta));
+  const auto after = static_cast<double>(sum);
+  return after / static_cast<double>(capacity) > 0.05;
+}
+
+void BaseStrategy::_ExtractTarballTo(const std::string& package, const std::string& dir) {
+  ArchiveHandle handle(veskarchive_init(dir.c_str()));
+  if (!handle) throw UpdateError("Failed to extract package at veskarchive_init");
+  if (veskarchive_open_with_keytype(handle.get(), package.c_str(), kPackageKeyType) == 0) {
+    throw UpdateError((NoexceptFormat("veskarchive_open %s failed, ret: %d") % package %
+                       veskarchive_error(handle.get()))
+                          .str());
+  }
+  if (veskarchive_extract_multiple(handle.get(), nullptr, VESKARCHIVE_EXTRACT_OVERWRITE) == 0) {
+    throw UpdateError((NoexceptFormat("veskarchive_extract %s failed, ret: %d") % package %
+                       veskarchive_error(handle.get()))
+                          .str());
+  }
+}
+
+// ---------------------------------------------------------------- FullStrategy
+
+FullStrategy::FullStrategy(const std::string& id, const RemoteInfo& remote_info,
+                           const std::string& volume, const std::string& install_prefix,
+                           const std::string& root_directory)
+    : id_(id),
+      remote_info_(remote_info),
+      volume_(volume),
+      install_prefix_(install_prefix),
+      root_directory_(root_directory) {}
+
+FullStrategy::~FullStrategy() {
+  IOUtils io;
+  if (!tarball_path_.empty()) {
+    try {
+      fs::remove(tarball_path_);
+    } catch (const std::exception& e) {
+      log::Write(log::site::kFullCleanTarballFailed, tarball_path_, std::string(e.what()));
+    }
+  }
+  if (!extract_path_.empty()) {
+    try {
+      io.RmRf(extract_path_);
+    } catch (const std::exception& e) {
+      log::Write(log::site::kFullCleanTmpFailed, std::string(e.what()));
+    }
+  }
+  try {
+    io.RmRf(TmpRoot(volume_));
+  } catch (const std::exception& e) {
+    log::Write(log::site::kFullCleanTmpFailed, std::string(e.what()));
+  }
+}
+
+void FullStrategy::PrepareUpdate() {
+  IOUtils io;
+  tarball_path_ = (NoexceptFormat("%s/@tmp/data_update/%s_%s") % volume_ % id_ %
+                   std::to_string(remote_info_.data_version))
+                      .str();
+  io.VeskMkdir(TmpRoot(volume_));
+  io.Download(tarball_path_, remote_info_.download_link);
+
+  extract_path_ = (NoexceptFormat("%s/@tmp/data_update/%s_full") % volume_ % id_).str();
+  FreshDirectory(io, extract_path_);
+  _ExtractTarballTo(tarball_path_, extract_path_);
+  _CalModifyInfo();
+
+  io.VeskMkdir(install_prefix_);
+  if (!_IsSpaceEnough(root_directory_, GetDeltaSize())) {
+    throw UpdateError("Disk space is too low");
+  }
+}
+
+void FullStrategy::_CalModifyInfo() {
+  IOUtils io;
+  try {
+    const fs::path base = fs::canonical(extract_path_);
+    io.IterateDirectory(
+        extract_path_,
+        [&](const std::string& path) {
+          if (!fs::is_regular_file(fs::status(path))) return;
+          const fs::path file = fs::canonical(path);
+          const fs::path relative = file.lexically_relative(base);
+          if (relative.empty() || *relative.begin() == "..") throw UpdateError("path not in base");
+          modify_infos_[relative.string()] = ModifyInfo{ModifyInfo::kOverride, path};
+        },
+        true);
+  } catch (const std::exception& e) {
+    throw UpdateError(std::string("Fail to calculate modify info: ") + e.what());
+  }
+}
+
+void FullStrategy::ApplyUpdate() {
+  IOUtils io;
+  bool not_override = false;
+  try {
+    FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
+    io.IterateDirectory(
+        install_prefix_, [&io](const std::string& path) { io.RmRf(path); }, false);
+    for (const auto& [name, info] : modify_infos_) {
+      if (info.operation != ModifyInfo::kOverride) {
+        not_override = true;
+        break;
+      }
+      const fs::path target = fs::path(install_prefix_) / name;
+      fs::create_directories(target.parent_path());
+      fs::copy_file(info.path, target, fs::copy_options::none);
+    }
+  } catch (const std::exception& e) {
+    throw UpdateError(std::string("Fail to full update: ") + e.what());
+  }
+  if (not_override) throw UpdateError("operation not set to override");
+}
+
+std::set<std::string> FullStrategy::GetModifiedFiles() const {
+  std::set<std::string> files;
+  for (const auto& entry : modify_infos_) files.insert(entry.first);
+  return files;
+}
+
+long long FullStrategy::GetDeltaSize() const {
+  IOUtils io;
+  return static_cast<long long>(io.GetSize(install_prefix_)) -
+         static_cast<long long>(io.GetSize(extract_path_));
+}
+
+// ---------------------------------------------------------------- DiffStrategy
+
+DiffStrategy::DiffStrategy(const std::string& database_id, const DatabaseStatus& status,
+                           const RemoteInfo& remote, const std::map<int, DiffInfo>& diffs,
+                           const std::string& volume, const std::string& install_prefix,
+                           const std::string& root_directory)
+    : id_(database_id),
+      status_(status),
+      remote_(remote),
+      diffs_(diffs),
+      volume_(volume),
+      install_prefix_(install_prefix),
+      root_directory_(root_directory) {}
+
+DiffStrategy::~DiffStrategy() {
+  IOUtils io;
+  if (!sum_dir_.empty()) {
+    try {
+      io.RmRf(sum_dir_);
+    } catch (const std::exception& e) {
+      log::Write(log::site::kDiffClearSumFailed, std::string(e.what()));
+    }
+  }
+  for (const auto& entry : delta_dirs_) {
+    try {
+      io.RmRf(entry.second);
+    } catch (const std::exception& e) {
+      log::Write(log::site::kDiffClearDeltaFailed, std::string(e.what()));
+    }
+  }
+  for (const auto& entry : packages_) {
+    try {
+      io.RmRf(entry.second);
+    } catch (const std::exception& e) {
+      log::Write(log::site::kDiffClearPackageFailed, std::string(e.what()));
+    }
+  }
+  // The shared parent goes only when nothing else is left in it.
+  boost::system::error_code ignored;
+  fs::remove(TmpRoot(volume_), ignored);
+}
+
+bool DiffStrategy::_IsDiffUpdateAvailable() {
+  const int local = status_.data_version;
+  const int remote = remote_.data_version;
+  if (local >= remote || diffs_.empty()) return false;
+  for (long long v = static_cast<long long>(local) + 1; v <= remote; ++v) {
+    if (diffs_.count(static_cast<int>(v)) == 0) return false;
+  }
+  return true;
+}
+
+void DiffStrategy::PrepareUpdate() {
+  IOUtils io;
+  if (!_IsDiffUpdateAvailable()) throw UpdateError("No sufficient diff patched");
+  sum_dir_ = (NoexceptFormat("%s/@tmp/data_update/%s_sum") % volume_ % id_).str();
+  FreshDirectory(io, sum_dir_);
+  for (long long v = static_cast<long long>(status_.data_version) + 1; v <= remote_.data_version;
+       ++v) {
+    _DoDiffUpdateTo(static_cast<int>(v));
+  }
+  io.VeskMkdir(install_prefix_);
+  if (!_IsSpaceEnough(root_directory_, GetDeltaSize())) {
+    throw UpdateError("Disk space is too low");
+  }
+}
+
+void DiffStrategy::_DoDiffUpdateTo(int version) {
+  IOUtils io;
+  const DiffInfo& diff = diffs_.at(version);
+  const std::string number = std::to_string(version);
+  const std::string package =
+      (NoexceptFormat("%s/@tmp/data_update/%s_%s") % volume_ % id_ % ("d" + number)).str();
+  const std::string delta_dir =
+      (NoexceptFormat("%s/@tmp/data_update/%s_delta_%s") % volume_ % id_ % number).str();
+  packages_[version] = package;
+  delta_dirs_[version] = delta_dir;
+
+  FreshDirectory(io, delta_dir);
+  io.Download(package, diff.download_link);
+  _ExtractTarballTo(package, delta_dir);
+
+  const Json::Value patch_infos = io.ReadJson(delta_dir + "/patch_infos.json");
+  for (const std::string& name : patch_infos.getMemberNames()) {
+    const Json::Value& entry = patch_infos[name];
+    _PatchFile(name, entry["operation"].asString(),
+               delta_dir + "/" + entry["input_file"].asString());
+  }
+  io.RmRf(package);  // not read again; the destructor would remove it anyway
+}
+
+void DiffStrategy::_PatchFile(const std::string& file_name, const std::string& operation,
+                              const std::string& input_path) {
+  IOUtils io;
+  const std::string sum_path = sum_dir_ + "/" + FlatFileName(file_name);
+  const std::string installed_path = install_prefix_ + file_name;
+
+  if (operation == "create") {
+    io.CopyFile(input_path, sum_path);
+    modify_infos_[file_name] = ModifyInfo{ModifyInfo::kOverride, sum_path};
+  } else if (operation == "update") {
+    boost::system::error_code ec;
+    const bool exists = fs::exists(sum_path, ec);
+    if (ec) throw UpdateError("Fail to get exists info from " + sum_path);
+    if (!exists) io.CopyFile(installed_path, sum_path);
+
+    const std::string extension = fs::path(input_path).extension().string();
+    if (extension == ".vcdiff") {
+      _DoVcPatch(sum_path, input_path);
+    } else if (extension == ".sqlitediff") {
+      _DoSqlitePatch(sum_path, input_path);
+    } else {
+      throw UpdateError("Unsupported diff type: " + extension);
+    }
+    modify_infos_[file_name] = ModifyInfo{ModifyInfo::kOverride, sum_path};
+  } else if (operation == "delete") {
+    modify_infos_[file_name] = ModifyInfo{ModifyInfo::kDelete, sum_path};
+  } else {
+    throw UpdateError(
+        (NoexceptFormat("Unknown operation %s for file %s") % operation % file_name).str());
+  }
+}
+
+void DiffStrategy::_DoVcPatch(const std::string& target, const std::string& delta) {
+  IOUtils io;
+  const std::string output = target + ".patchout";
+  const std::string tool = platform::RootPath("/usr/vesk/sbin/veskdbudvcdiff");
+  if (VLIBCExecl(tool.c_str(), 187, "decode", target.c_str(), output.c_str(), delta.c_str(),
+                 static_cast<const char*>(nullptr)) != 0) {
+    throw UpdateError("Fail to apply vcdiff on " + target);
+  }
+  io.CopyFile(output, target);
+  if (::unlink(output.c_str()) != 0) throw UpdateError("Failt to delete " + output);
+}
+
+void DiffStrategy::_DoSqlitePatch(const std::string& database_file, const std::string& diff_file) {
+  try {
+    SQLite::Database db(database_file, SQLite::OPEN_READWRITE);
+    SQLite::Transaction transaction(db);
+    std::ifstream in(diff_file);
+    // A missing input would otherwise commit an empty change as success.
+    if (!in.is_open()) throw std::runtime_error("cannot open " + diff_file);
+    std::string line;
+    while (std::getline(in, line)) db.exec(line);
+    transaction.commit();
+  } catch (const std::exception& e) {
+    throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % e.what()).str());
+  }
+}
+
+long long DiffStrategy::GetDeltaSize() const {
+  IOUtils io;
+  long long delta = 0;
+  for (const auto& [name, info] : modify_infos_) {
+    // The key is tested as it stands, not joined with the install prefix.
+    boost::system::error_code ec;
+    if (fs::exists(name, ec)) delta += static_cast<long long>(io.GetSize(name));
+    delta -= static_cast<long long>(io.GetSize(info.path));
+  }
+  return delta;
+}
+
+void DiffStrategy::ApplyUpdate() {
+  try {
+    FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
+    for (const auto& entry : modify_infos_) {
+      const fs::path installed = fs::path(install_prefix_) / entry.first;
+      if (fs::exists(fs::symlink_status(installed))) fs::remove(installed);
+    }
+    for (const auto& [name, info] : modify_infos_) {
+      if (info.operation != ModifyInfo::kOverride) continue;
+      const fs::path installed = fs::path(install_prefix_) / name;
+      fs::create_directories(installed.parent_path());
+      fs::copy_file(info.path, installed, fs::copy_options::none);
+    }
+  } catch (const std::exception& e) {
+    throw UpdateError(std::string("Fail to diff update: ") + e.what());
+  }
+}
+
+std::set<std::string> DiffStrategy::GetModifiedFiles() const {
+  std::set<std::string> files;
+  for (const auto& entry : modify_infos_) files.insert(entry.first);
+  return files;
+}
+
+// ---------------------------------------------------------- ForceInstallByLink
+
+ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string& download_link,
+                                       const std::string& volume,
+                                       const std::string& install_prefix,
+                                       const std::string& root_directory)
+    : id_(id),
+      download_link_(download_link),
+      volume_(volume),
+      install_prefix_(install_prefix),
+      root_directory_(root_directory) {}
+
+ForceInstallByLink::~ForceInstallByLink() {
+  IOUtils io;
+  if (!tarball_path_.empty()) {
+    try {
+      fs::remove(tarball_path_);
+    } catch (const std::exception& e) {
+      log::Write(log::site::kForceCleanTarballFailed, tarball_path_, std::string(e.what()));
+    }
+  }
+  try {
+    io.RmRf(TmpRoot(volume_));
+  } catch (const std::exception& e) {
+    log::Write(log::site::kForceCleanTmpFailed, std::string(e.what()));
+  }
+}
+
+void ForceInstallByLink::PrepareUpdate() {
+  IOUtils io;
+  tarball_path_ = (NoexceptFormat("%s/@tmp/data_update/%s_%s") % volume_ % id_ % "debug").str();
+  io.VeskMkdir(TmpRoot(volume_));
+  io.Download(tarball_path_, download_link_);
+  io.VeskMkdir(install_prefix_);
+}
+
+void ForceInstallByLink::ApplyUpdate() {
+  try {
+    FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
+    _ExtractTarballTo(tarball_path_, install_prefix_);
+  } catch (const std::exception& e) {
+    throw UpdateError(std::string("Fail to force install: ") + e.what());
+  }
+}
+
+}  // namespace vesk::dataupdate

@@ -1,0 +1,298 @@
+#include "dataupdate/update.h"
+
+#include <algorithm>
+
+#include "dataupdate/error.h"
+#include "dataupdate/file_lock.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/volume_handler.h"
+#include "log_sites.h"
+#include "vesk/crypto_hwid.h"
+#include "vesk/root.h"
+#include "vlib/vlibc.h"
+
+namespace vesk::dataupdate {
+namespace {
+
+constexpr unsigned int kLockTimeout = 600;
+constexpr int kCacheMaxAge = 3600;
+
+std::string UpdateAnyLock() { return platform::RootPath("/run/data_update/update_any.lock"); }
+
+std::string UpdateOneLock(const std::string& id) {
+  return platform::RootPath((NoexceptFormat("/run/data_update/update_%s.lock") % id).str());
+}
+
+std::string StatusPath(const std::string& id) {
+  return platform::RootPath((NoexceptFormat("/var/lib/data_update/%s/version.json") % id).str());
+}
+
+struct HwidFree {
+  void operator()(veskcrypto_hwid* ctx) const { veskcrypto_hwid_free(ctx); }
+};
+
+// The machine identity sent to the server; "" (and one error line) when the
+// platform cannot give one, since the query is still worth sending.
+std::string MachineIdentity() {
+  std::unique_ptr<veskcrypto_hwid, HwidFree> ctx(veskcrypto_hwid_init());
+  if (!ctx || veskcrypto_hwid_str(ctx.get(), 16) == 0) {
+    log::Write(log::site::kHwidFailed);
+    return {};
+  }
+  return ctx->str;
+}
+
+// Every occurrence of `from` replaced by `to`, resuming after each inserted text.
+std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
+  if (from.empty()) return text;
+  for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos)) {
+    text.replace(pos, from.size(), to);
+    pos += to.size();
+  }
+  return text;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- InfoGetter
+
+InfoGetter::InfoGetter(std::shared_ptr<IOUtils> io, std::shared_ptr<ServiceConfig> config)
+    : io_(std::move(io)), config_(std::move(config)) {}
+
+InfoGetter::~InfoGetter() = default;
+
+std::string InfoGetter::GetQueryString() const {
+  std::string query = "?os=vko";
+  query += "&dlid=" + MachineIdentity();
+  std::vector<std::string> ids = config_->GetDatabaseIDs();
+  std::sort(ids.begin(), ids.end());
+  for (const std::string& id : ids) {
+    query += (NoexceptFormat("&db_list[%s]=%s") % id %
+              config_->GetDatabaseConfig(id)->GetFormatVersion())
+                 .str();
+  }
+  return query;
+}
+
+std::string InfoGetter::GetDatabaseUrl() const {
+  const std::string scheme = config_->GetDownloadScheme();
+  const std::string domain = config_->GetDBInfoDomainName();
+  const std::string version = config_->GetDBInfoVersion();
+  return (NoexceptFormat("%s://%s/database_info/%s%s") % scheme % domain % version %
+          GetQueryString())
+      .str();
+}
+
+Json::Value InfoGetter::GetDatabaseInfo() const {
+  const std::string cache = platform::RootPath("/var/cache/data_update/database_info.json");
+  try {
+    io_->VeskMkdir(platform::RootPath("/var/cache/data_update"));
+    // Held while reading too, so a reader never sees a half-downloaded document.
+    FileLock lock(platform::RootPath("/run/data_update/fresh_info.lock"), kLockTimeout);
+    if (VLIBCFileExist(cache.c_str()) == 0 || io_->FileCreateOver(cache, kCacheMaxAge)) {
+      io_->Download(cache, GetDatabaseUrl());
+    }
+    return io_->ReadJson(cache);
+  } catch (const UpdateError& e) {
+    log::Write(log::site::kFreshInfoFailed);
+    log::Write(log::site::kFreshInfoError, std::string(e.what()));
+    throw;
+  }
+}
+
+RemoteInfo InfoGetter::GetRemoteInfo(const std::string& id) const {
+  const Json::Value document = GetDatabaseInfo();
+  Json::Value entry = document["db_list"][id];
+  const Json::Value& global = document["deprecated"];
+  const bool globally_deprecated = global.isConvertibleTo(Json::booleanValue) && global.asBool();
+  // A top-level true always wins; an entry's own value stands otherwise.
+  if (globally_deprecated || !entry.isMember("deprecated")) entry["deprecated"] = global;
+  return RemoteInfo::FromJson(entry);
+}
+
+std::map<int, DiffInfo> InfoGetter::GetDiffInfos(const std::string& id) const {
+  const Json::Value document = GetDatabaseInfo();
+  return DiffInfo::BatchFromJson(document["db_list"][id]["diff_files"]);
+}
+
+DatabaseStatus InfoGetter::GetDatabaseStatus(const std::string& id) const {
+  try {
+    return DatabaseStatus::FromJson(io_->ReadJson(StatusPath(id)));
+  } catch (const UpdateError& e) {
+    if (e.code() == UpdateError::kFileNotExist) {
+      log::Write(log::site::kStatusMissing, std::string(e.what()));
+    } else {
+      log::Write(log::site::kStatusBad, std::string(e.what()));
+      log::Write(log::site::kStatusBadHint, id);
+    }
+    DatabaseStatus empty;
+    empty.data_version = -1;
+    empty.last_fetch_time = 0;
+    return empty;
+  }
+}
+
+void InfoGetter::SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const {
+  io_->WriteJson(StatusPath(id), DatabaseStatus::ToJson(status));
+}
+
+// -------------------------------------------------------------------- Update
+
+Update::Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> info_getter,
+               std::shared_ptr<ServiceConfig> config)
+    : updater_(std::move(updater)),
+      info_getter_(std::move(info_getter)),
+      config_(std::move(config)) {}
+
+Update::~Update() = default;
+
+void Update::UpdateAllProjects() const {
+  OperateAllProjects([this](const std::string& id) { UpdateProject(id); });
+}
+
+void Update::FixAllProjects() const {
+  OperateAllProjects([this](const std::string& id) { FixProject(id); });
+}
+
+void Update::OperateAllProjects(std::function<void(const std::string&)> operation) const {
+  for (const std::string& id : config_->GetDatabaseIDs()) {
+    try {
+      const bool scheduled = config_->GetDatabaseConfig(id)->GetScheduled();
+      const std::string volume = config_->GetCurVolume();
+      if (!scheduled) continue;
+      if (volume.empty()) {
+        log::Write(log::site::kNoVolumeStopAll);
+        return;
+      }
+      operation(id);
+    } catch (const UpdateError& e) {
+      throw UpdateError("Fail on project '" + id + "': " + e.what());
+    }
+  }
+}
+
+void Update::UpdateProject(const std::string& id) const {
+  try {
+    config_->CheckSupported(id);
+    FileLock any_lock(UpdateAnyLock(), kLockTimeout);
+    FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+
+    const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+    const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
+    const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
+    const std::shared_ptr<DatabaseConfig> database = config_->GetDatabaseConfig(id);
+
+    if (status.data_version >= remote.data_version) {
+      log::Write(log::site::kUpToDate, id);
+      return;
+    }
+    log::Write(log::site::kUpdateStart, id);
+    if (config_->GetCurVolume().empty()) {
+      log::Write(log::site::kNoVolumeStopOne);
+      return;
+    }
+    const std::string volume = config_->GetCurVolume();
+    const std::string install_prefix = database->GetInstallPrefix();
+    const std::string root_directory = database->GetRootDirectory();
+
+    const DatabaseStatus updated =
+        updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory);
+    info_getter_->SetDatabaseStatus(id, updated);
+    log::Write(log::site::kUpdateDone, id);
+  } catch (const UpdateError& e) {
+    log::Write(log::site::kUpdateFailed, id, std::string(e.what()));
+    throw UpdateError(e);
+  }
+}
+
+void Update::FixProject(const std::string& id) const {
+  try {
+    config_->CheckSupported(id);
+    FileLock any_lock(UpdateAnyLock(), kLockTimeout);
+    FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+
+    const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+    const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
+    const std::shared_ptr<DatabaseConfig> database = config_->GetDatabaseConfig(id);
+    const std::string volume = config_->GetCurVolume();
+    const std::string install_prefix = database->GetInstallPrefix();
+    const std::string root_directory = database->GetRootDirectory();
+
+    Fixer fixer(id, remote, volume, install_prefix, root_directory);
+    if (!fixer.IsFixNeeded(status)) return;
+    info_getter_->SetDatabaseStatus(id, fixer.Fix());
+    log::Write(log::site::kFixDone, id);
+  } catch (const UpdateError& e) {
+    log::Write(log::site::kFixFailed, id, std::string(e.what()));
+    throw UpdateError(e);
+  }
+}
+
+void Update::ForceInstall(const std::string& id, int version) const {
+  FileLock any_lock(UpdateAnyLock(), kLockTimeout);
+  FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+
+  RemoteInfo remote = info_getter_->GetRemoteInfo(id);
+  const int current = remote.data_version;
+  // Wraps rather than overflows for absurd inputs; nothing below rejects them.
+  const int target =
+      version > 0 ? version
+                  : static_cast<int>(static_cast<unsigned int>(current) +
+                                     static_cast<unsigned int>(version));
+  remote.data_version = target;
+  remote.download_link =
+      ReplaceAll(remote.download_link, std::to_string(current), std::to_string(target));
+
+  const std::shared_ptr<DatabaseConfig> database = config_->GetDatabaseConfig(id);
+  const std::string volume = config_->GetCurVolume();
+  const std::string install_prefix = database->GetInstallPrefix();
+
+  ForceInstallByLink strategy(id, remote.download_link, volume, install_prefix, "/");
+  strategy.PrepareUpdate();
+  strategy.ApplyUpdate();
+  const std::set<std::string> files = strategy.GetModifiedFiles();
+
+  DatabaseStatus status;
+  status.data_version = target;
+  status.last_fetch_time = remote.last_fetch_time;
+  status.file_statuses = CalculateStatus(files, database->GetInstallPrefix());
+  info_getter_->SetDatabaseStatus(id, status);
+}
+
+// ------------------------------------------------------------------- Checker
+
+Checker::Checker(std::shared_ptr<ServiceConfig> config) : config_(std::move(config)) {}
+
+Checker::~Checker() = default;
+
+bool Checker::IsAnyUpdating() const {
+  try {
+    FileLock probe(UpdateAnyLock(), 0);
+    return false;
+  } catch (const UpdateError&) {
+    return true;
+  }
+}
+
+bool Checker::IsUpdating(const std::string& id) const {
+  config_->CheckSupported(id);
+  const std::string path = UpdateOneLock(id);
+  try {
+    FileLock probe(path, 0);
+    return false;
+  } catch (const UpdateError&) {
+    return true;
+  }
+}
+
+// --------------------------------------------------------------- InitService
+
+void InitService() {
+  auto io = std::make_shared<IOUtils>();
+  auto config = std::make_shared<Config>(io);
+  auto service_config = std::make_shared<ServiceConfig>(config);
+  VolumeHandler handler(service_config);
+  handler.InitVolume();
+}
+
+}  // namespace vesk::dataupdate
