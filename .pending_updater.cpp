@@ -1,0 +1,75 @@
+// ------------------------------------------------------------------- Updater
+
+Updater::~Updater() = default;
+
+DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& status,
+                               const RemoteInfo& remote_info,
+                               const std::map<int, DiffInfo>& diff_infos,
+                               const std::string& volume, const std::string& install_prefix,
+                               const std::string& root_directory) const {
+  // Diff first; only an UpdateError from its construction or preparation falls
+  // back to the whole package.
+  std::shared_ptr<BaseStrategy> strategy;
+  try {
+    log::Write(log::site::kPrepareDiff, id);
+    strategy = std::make_shared<DiffStrategy>(id, status, remote_info, diff_infos, volume,
+                                              install_prefix, root_directory);
+    strategy->PrepareUpdate();
+  } catch (const UpdateError& e) {
+    strategy = std::make_shared<FullStrategy>(id, remote_info, volume, install_prefix,
+                                              root_directory);
+    log::Write(log::site::kDiffFellBack, std::string(e.what()));
+    log::Write(log::site::kPrepareFull, id);
+    strategy->PrepareUpdate();
+  }
+
+  const std::set<std::string> files = strategy->GetModifiedFiles();
+  UpdateHook hook(id, files);
+  hook.ExecPre();
+  log::Write(log::site::kApplyUpdate, id);
+  strategy->ApplyUpdate();
+  hook.ExecPost();
+
+  DatabaseStatus result;
+  result.data_version = remote_info.data_version;
+  result.last_fetch_time = remote_info.last_fetch_time;
+  result.file_statuses = CalculateStatus(files, install_prefix);
+  return result;
+}
+
+// --------------------------------------------------------------------- Fixer
+
+Fixer::Fixer(const std::string& id, const RemoteInfo& remote_info, const std::string& volume,
+             const std::string& install_prefix, const std::string& root_directory)
+    : id_(id),
+      remote_info_(remote_info),
+      volume_(volume),
+      install_prefix_(install_prefix),
+      root_directory_(root_directory) {}
+
+bool Fixer::IsFixNeeded(const DatabaseStatus& status) const {
+  if (status.data_version == -1) {
+    log::Write(log::site::kNeverInstalled, id_);
+    return true;
+  }
+  if (CheckStatus(status.file_statuses, install_prefix_)) return false;
+  log::Write(log::site::kFileCheckFailed, id_);
+  return true;
+}
+
+DatabaseStatus Fixer::Fix() const {
+  log::Write(log::site::kTryFix, id_);
+  FullStrategy strategy(id_, remote_info_, volume_, install_prefix_, root_directory_);
+  strategy.PrepareUpdate();
+  const std::set<std::string> files = strategy.GetModifiedFiles();
+  UpdateHook hook(id_, files);
+  hook.ExecPre();
+  strategy.ApplyUpdate();
+  hook.ExecPost();
+
+  DatabaseStatus result;
+  result.data_version = remote_info_.data_version;
+  result.last_fetch_time = remote_info_.last_fetch_time;
+  result.file_statuses = CalculateStatus(files, install_prefix_);
+  return result;
+}

@@ -1,0 +1,157 @@
+#include "repo_fixture.h"
+
+#include <sys/wait.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdio>
+#include <json/reader.h>
+#include <memory>
+
+namespace fs = boost::filesystem;
+
+namespace vesk::test {
+
+std::string ShellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+int Run(const std::string& command) {
+  int status = std::system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+std::string Capture(const std::string& command) {
+  struct PipeClose {
+    void operator()(FILE* f) const { pclose(f); }
+  };
+  std::string output;
+  FILE* raw = popen(command.c_str(), "r");
+  if (raw == nullptr) {
+    ADD_FAILURE() << "popen failed: " << command;
+    return output;
+  }
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, raw)) > 0) output.append(buffer, n);
+  int status = pclose(raw);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
+  return output;
+}
+
+Sandbox::Sandbox() : env_("VESKDBUD_ROOT", root_.path().c_str()) {
+  fs::create_directories(volume());
+}
+
+Repo::Repo()
+    : source_(work_ / "source"), out_(work_ / "served/repo"), key_dir_(work_ / "keys") {
+  fs::create_directories(source_);
+  fs::create_directories(out_);
+  server_ = std::make_unique<HttpServer>(work_ / "served");
+  const std::string keygen = ShellQuote(VESKDBUD_PUBLISH_BIN) + " keygen --out " +
+                             ShellQuote(key_dir_) + " >/dev/null";
+  if (Run(keygen) != 0) ADD_FAILURE() << "keygen failed";
+}
+
+std::string Repo::SourceDir(const std::string& id, int version) const {
+  return source_ + "/" + id + "/" + std::to_string(version);
+}
+
+void Repo::SetFile(const std::string& id, int version, const std::string& name,
+                   const std::string& content) {
+  WriteFile(SourceDir(id, version) + "/" + name, content);
+}
+
+void Repo::RemoveFile(const std::string& id, int version, const std::string& name) {
+  fs::remove(SourceDir(id, version) + "/" + name);
+}
+
+void Repo::CopyVersion(const std::string& id, int from, int to) {
+  const std::string target = SourceDir(id, to);
+  fs::remove_all(target);
+  ASSERT_EQ(Run("cp -a " + ShellQuote(SourceDir(id, from)) + " " + ShellQuote(target)), 0);
+}
+
+void Repo::Sql(const std::string& id, int version, const std::string& name,
+               const std::string& sql) {
+  const std::string db = SourceDir(id, version) + "/" + name;
+  fs::create_directories(fs::path(db).parent_path());
+  ASSERT_EQ(Run("sqlite3 " + ShellQuote(db) + " " + ShellQuote(sql)), 0) << sql;
+}
+
+int Repo::Publish(const std::vector<std::string>& extra_args) {
+  std::string command = ShellQuote(VESKDBUD_PUBLISH_BIN) + " publish --source " +
+                        ShellQuote(source_) + " --out " + ShellQuote(out_) + " --key " +
+                        ShellQuote(key_dir_ + "/private.pem") + " --base-url " +
+                        ShellQuote(BaseUrl()) + " --db-ver " + kDbVer;
+  for (const auto& arg : extra_args) command += " " + ShellQuote(arg);
+  return Run(command + " >/dev/null 2>&1");
+}
+
+Json::Value Repo::Info() const {
+  Json::Value info;
+  Json::Reader reader;
+  std::string text = ReadFile(out_ + "/database_info/" + kDbVer);
+  EXPECT_TRUE(reader.parse(text, info)) << text;
+  return info;
+}
+
+RemoteInfo Repo::Remote(const std::string& id) const {
+  return RemoteInfo::FromJson(Info()["db_list"][id]);
+}
+
+std::map<int, DiffInfo> Repo::Diffs(const std::string& id) const {
+  return DiffInfo::BatchFromJson(Info()["db_list"][id]["diff_files"]);
+}
+
+void InstallTrust(const Sandbox& sandbox, const Repo& repo) {
+  fs::create_directories(sandbox / "usr/vesk/etc/keys/6");
+  fs::copy_file(repo.key_dir() + "/public.pem", sandbox / "usr/vesk/etc/keys/6/publisher.pem",
+                fs::copy_options::overwrite_existing);
+  fs::create_directories(sandbox / "usr/vesk/sbin");
+  boost::system::error_code ec;
+  fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff", ec);
+  fs::create_symlink(VESKDBUD_VCDIFF_BIN, sandbox / "usr/vesk/sbin/veskdbudvcdiff");
+}
+
+std::map<std::string, std::string> Snapshot(const std::string& dir) {
+  std::map<std::string, std::string> files;
+  if (!fs::is_directory(dir)) return files;
+  for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
+    if (fs::is_regular_file(it->symlink_status())) {
+      files[it->path().lexically_relative(dir).string()] = ReadFile(it->path().string());
+    }
+  }
+  return files;
+}
+
+}  // namespace vesk::test
+
+namespace vesk::test {
+
+void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::string& volume,
+                        const std::vector<DatabaseEntry>& databases) {
+  Json::Value service;
+  service["config"]["download_scheme"] = "http";
+  service["config"]["db_netloc"] = "127.0.0.1:" + std::to_string(repo.server().port()) + "/repo";
+  service["config"]["db_ver"] = Repo::kDbVer;
+  service["config"]["cur_volume"] = volume;
+  Json::Value dbs(Json::objectValue);
+  for (const auto& db : databases) {
+    dbs[db.id]["install_dest"] = db.install_dest;
+    dbs[db.id]["format_version"] = db.format_version;
+    dbs[db.id]["auto_update"] = db.auto_update;
+    dbs[db.id]["min_rsv_space_inbytes"] = Json::UInt64(db.reserved);
+  }
+  WriteFile(sandbox / "usr/share/data_update/data_update.conf", service.toStyledString());
+  WriteFile(sandbox / "usr/share/data_update/databases.conf", dbs.toStyledString());
+}
+
+}  // namespace vesk::test

@@ -1,0 +1,93 @@
+// End-to-end fixture: a sandbox root (VESKDBUD_ROOT) with the trusted package
+// key and the delta decoder in place, a publisher source tree, and the
+// repository published from it by veskdbud-publish, served on 127.0.0.1.
+#pragma once
+
+#include <json/value.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dataupdate/records.h"
+#include "test_support.h"
+
+namespace vesk::test {
+
+// Runs a shell command; returns its exit status (stdout/stderr inherited).
+int Run(const std::string& command);
+// Runs a shell command and returns its stdout; fails the test when it exits non-zero.
+std::string Capture(const std::string& command);
+std::string ShellQuote(const std::string& text);
+
+class Sandbox {
+ public:
+  Sandbox();
+  const std::string& root() const { return root_.path(); }
+  std::string operator/(const std::string& path) const { return root_ / path; }
+  // A directory standing in for a data volume.
+  std::string volume() const { return root_ / "volume1"; }
+
+ private:
+  TempDir root_;
+  ScopedEnv env_;
+};
+
+class Repo {
+ public:
+  Repo();
+  // Source content of one file of database `id` at `version`.
+  void SetFile(const std::string& id, int version, const std::string& name,
+               const std::string& content);
+  void RemoveFile(const std::string& id, int version, const std::string& name);
+  // Version `to` starts as a copy of version `from`.
+  void CopyVersion(const std::string& id, int from, int to);
+  // Runs SQL on an SQLite file of the source tree with the sqlite3 tool.
+  void Sql(const std::string& id, int version, const std::string& name, const std::string& sql);
+  std::string SourceDir(const std::string& id, int version) const;
+
+  // Publishes the source tree into the served repository; returns the
+  // publisher's exit status.
+  int Publish(const std::vector<std::string>& extra_args = {});
+  std::string BaseUrl() const { return server_->url("/repo"); }
+  Json::Value Info() const;
+  RemoteInfo Remote(const std::string& id) const;
+  std::map<int, DiffInfo> Diffs(const std::string& id) const;
+  const HttpServer& server() const { return *server_; }
+  const std::string& key_dir() const { return key_dir_; }
+
+  static constexpr const char* kDbVer = "v1";
+
+ private:
+  TempDir work_;
+  std::string source_;
+  std::string out_;
+  std::string key_dir_;
+  std::unique_ptr<HttpServer> server_;
+};
+
+// Trusts the repository's key inside the sandbox and installs the decoder there.
+void InstallTrust(const Sandbox& sandbox, const Repo& repo);
+
+// Every regular file below `dir`, relative name -> content.
+std::map<std::string, std::string> Snapshot(const std::string& dir);
+
+}  // namespace vesk::test
+
+namespace vesk::test {
+
+struct DatabaseEntry {
+  std::string id;
+  std::string install_dest = "%VOLUME%";
+  std::string format_version = "1";
+  bool auto_update = true;
+  unsigned long long reserved = 0;
+};
+
+// Writes the default data_update.conf (server = the repo, current volume
+// `volume`) and databases.conf below the sandbox's /usr/share/data_update.
+void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::string& volume,
+                        const std::vector<DatabaseEntry>& databases);
+
+}  // namespace vesk::test

@@ -1,0 +1,347 @@
+// The update engine end to end: packages made by veskdbud-publish, served on
+// 127.0.0.1, fetched by wget, verified and extracted through the platform, diffs
+// applied by the real decoder and SQLite.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <chrono>
+
+#include "dataupdate/project_lock.h"
+#include "dataupdate/strategy.h"
+#include "dataupdate/updater.h"
+#include "repo_fixture.h"
+
+namespace fs = boost::filesystem;
+using namespace vesk::dataupdate;
+using namespace vesk::test;
+
+namespace {
+
+std::string Query(const std::string& db, const std::string& sql) {
+  return Capture("sqlite3 " + ShellQuote(db) + " " + ShellQuote(sql));
+}
+
+std::string Rows(int from, int to) {
+  std::string sql = "BEGIN;";
+  for (int i = from; i <= to; ++i) {
+    sql += "INSERT INTO items VALUES(" + std::to_string(i) + ", 'item " + std::to_string(i) +
+           "');";
+  }
+  return sql + "COMMIT;";
+}
+
+class EngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    InstallTrust(sandbox, repo);
+    WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+  }
+
+  DatabaseStatus UpdateTo(const DatabaseStatus& status) {
+    return Updater().Update("db1", status, repo.Remote("db1"), repo.Diffs("db1"), volume, prefix,
+                            volume);
+  }
+
+  DatabaseStatus Installed(int version) {
+    DatabaseStatus status;
+    status.data_version = version;
+    return status;
+  }
+
+  static DatabaseStatus Never() {
+    DatabaseStatus status;
+    status.data_version = -1;
+    return status;
+  }
+
+  // Version 1 of a database of flat files and one SQLite file, published.
+  void PublishVersionOne() {
+    repo.SetFile("db1", 1, "readme.txt", "version one\n");
+    repo.SetFile("db1", 1, "nested/deeper/table.bin", std::string(5000, 'a'));
+    repo.Sql("db1", 1, "data/items.db",
+             "CREATE TABLE items(id INTEGER PRIMARY KEY, name TEXT);" + Rows(1, 200));
+    ASSERT_EQ(repo.Publish(), 0);
+  }
+
+  // Versions 2..4 on top of version 1: a file changed in two consecutive
+  // versions, one created then deleted, SQL changes, a one-byte binary change.
+  void PublishVersionsTwoToFour() {
+    repo.CopyVersion("db1", 1, 2);
+    repo.SetFile("db1", 2, "readme.txt", "version two\n");
+    repo.SetFile("db1", 2, "extra/new.txt", "created in two\n");
+    repo.Sql("db1", 2, "data/items.db", "UPDATE items SET name = 'changed' WHERE id % 10 = 0;");
+    repo.CopyVersion("db1", 2, 3);
+    repo.SetFile("db1", 3, "readme.txt", "version three, longer than before\n");
+    repo.RemoveFile("db1", 3, "extra/new.txt");
+    repo.Sql("db1", 3, "data/items.db", Rows(201, 260) + "DELETE FROM items WHERE id < 5;");
+    repo.CopyVersion("db1", 3, 4);
+    std::string table(5000, 'a');
+    table[100] = 'b';
+    repo.SetFile("db1", 4, "nested/deeper/table.bin", table);
+    ASSERT_EQ(repo.Publish(), 0);
+  }
+
+  // Version 1 installed by a first (full) update, then 2..4 published.
+  DatabaseStatus InstallOneThenPublishFour() {
+    PublishVersionOne();
+    DatabaseStatus status = UpdateTo(Never());
+    EXPECT_EQ(status.data_version, 1);
+    PublishVersionsTwoToFour();
+    log.Clear();
+    return status;
+  }
+
+  bool NoTemporaryFiles() const {
+    const std::string tmp = volume + "/@tmp/data_update";
+    return !fs::exists(tmp) || fs::is_empty(tmp);
+  }
+
+  Sandbox sandbox;
+  Repo repo;
+  LogCapture log;
+  std::string volume = sandbox.volume();
+  std::string prefix = sandbox.volume() + "/@database/autoupdate/db1";
+};
+
+TEST_F(EngineTest, FirstInstallFallsBackToFullAndRecordsEveryFile) {
+  repo.SetFile("db1", 1, "a.txt", "alpha");
+  repo.SetFile("db1", 1, "dir/sub/b.txt", "beta");
+  ASSERT_EQ(repo.Publish(), 0);
+
+  DatabaseStatus status = UpdateTo(Never());
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 1)));
+  EXPECT_EQ(status.data_version, 1);
+  EXPECT_EQ(status.last_fetch_time, repo.Remote("db1").last_fetch_time);
+  ASSERT_EQ(status.file_statuses.size(), 2u);
+  EXPECT_TRUE(CheckStatus(status.file_statuses, prefix));
+  EXPECT_EQ(log.Matching("Diff update fail, try full update:"),
+            std::vector<std::string>{
+                "warning: updater.cpp:83 Diff update fail, try full update: No sufficient diff "
+                "patched"});
+  EXPECT_TRUE(log.Contains("notice: updater.cpp:84 Prepare full update: db1"));
+  EXPECT_TRUE(log.Contains("notice: updater.cpp:92 Apply update: db1"));
+  EXPECT_TRUE(NoTemporaryFiles());
+}
+
+TEST_F(EngineTest, FullInstallEmptiesTheInstallDirectoryFirst) {
+  repo.SetFile("db1", 1, "keep.txt", "package file");
+  ASSERT_EQ(repo.Publish(), 0);
+  WriteFile(prefix + "/stale.txt", "old");
+  WriteFile(prefix + "/stale_dir/inner/x", "old");
+  WriteFile(prefix + "/keep.txt", "old content");
+
+  UpdateTo(Never());
+  EXPECT_EQ(Snapshot(prefix), (std::map<std::string, std::string>{{"keep.txt", "package file"}}));
+  EXPECT_FALSE(fs::exists(prefix + "/stale_dir"));
+}
+
+TEST_F(EngineTest, EmptyPackageLeavesAnEmptyInstallDirectory) {
+  fs::create_directories(repo.SourceDir("db1", 1));
+  ASSERT_EQ(repo.Publish(), 0);
+  WriteFile(prefix + "/stale.txt", "old");
+  DatabaseStatus status = UpdateTo(Never());
+  EXPECT_TRUE(fs::is_empty(prefix));
+  EXPECT_TRUE(status.file_statuses.empty());
+}
+
+TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrder) {
+  InstallOneThenPublishFour();
+  ASSERT_EQ(repo.Diffs("db1").size(), 3u);
+  DatabaseStatus status = UpdateTo(Installed(1));
+  EXPECT_TRUE(log.Matching("Diff update fail").empty()) << log.Lines().size();
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(status.data_version, 4);
+  EXPECT_FALSE(fs::exists(prefix + "/extra/new.txt"));  // created in 2, deleted in 3
+  const std::string db = prefix + "/data/items.db";
+  EXPECT_EQ(Query(db, "SELECT count(*) FROM items;"), "256\n");
+  EXPECT_EQ(Query(db, "SELECT name FROM items WHERE id = 20;"), "changed\n");
+  EXPECT_EQ(Query(db, "SELECT count(*) FROM items WHERE id < 5;"), "0\n");
+  // The status lists the files the chain touched, with their new digests.
+  EXPECT_TRUE(CheckStatus(status.file_statuses, prefix));
+  EXPECT_EQ(status.file_statuses.count("/readme.txt"), 1u);
+  EXPECT_TRUE(NoTemporaryFiles());
+}
+
+TEST_F(EngineTest, BrokenChainFallsBackToFullWithOneWarning) {
+  InstallOneThenPublishFour();
+  auto diffs = repo.Diffs("db1");
+  diffs.erase(3);
+  DatabaseStatus status =
+      Updater().Update("db1", Installed(1), repo.Remote("db1"), diffs, volume, prefix, volume);
+  EXPECT_EQ(log.Matching("Diff update fail, try full update: No sufficient diff patched").size(),
+            1u);
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(status.data_version, 4);
+  EXPECT_TRUE(NoTemporaryFiles());
+}
+
+TEST_F(EngineTest, MissingDeltaDecoderFallsBackToFull) {
+  InstallOneThenPublishFour();
+  fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff");
+  UpdateTo(Installed(1));
+  auto warnings = log.Matching("Diff update fail, try full update: Fail to apply vcdiff on ");
+  EXPECT_EQ(warnings.size(), 1u);
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_TRUE(NoTemporaryFiles());
+}
+
+TEST_F(EngineTest, FailingSqlDiffFallsBackToFull) {
+  InstallOneThenPublishFour();
+  // A local row where version 3 inserts one makes that version's SQL fail.
+  ASSERT_EQ(Run("sqlite3 " + ShellQuote(prefix + "/data/items.db") +
+                " \"INSERT INTO items VALUES(230, 'local');\""),
+            0);
+  UpdateTo(Installed(1));
+  auto warnings = log.Matching("Diff update fail, try full update: Fail apply sql cmd: ");
+  EXPECT_EQ(warnings.size(), 1u);
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+}
+
+TEST_F(EngineTest, FailedSqlDiffRollsBackEveryStatement) {
+  TempDir dir;
+  const std::string db = dir / "t.db";
+  ASSERT_EQ(Run("sqlite3 " + db + " 'CREATE TABLE t(id INTEGER PRIMARY KEY); INSERT INTO t VALUES(1);'"),
+            0);
+  WriteFile(dir / "change.sqlitediff", "INSERT INTO t VALUES(2);\n\nINSERT INTO t VALUES(1);\n");
+  const std::string before = ReadFile(db);
+  DiffStrategy strategy("db1", Installed(1), RemoteInfo(2, 0, false, ""), {}, volume, prefix, volume);
+  try {
+    strategy._DoSqlitePatch(db, dir / "change.sqlitediff");
+    FAIL() << "the duplicate key must fail";
+  } catch (const UpdateError& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("Fail apply sql cmd: ", 0), 0u) << e.what();
+  }
+  EXPECT_EQ(ReadFile(db), before);
+  EXPECT_EQ(Query(db, "SELECT count(*) FROM t;"), "1\n");
+}
+
+TEST_F(EngineTest, ReaderHoldingTheUsingLockDelaysTheReplacement) {
+  repo.SetFile("db1", 1, "a.txt", "one");
+  ASSERT_EQ(repo.Publish(), 0);
+  UpdateTo(Never());
+  repo.CopyVersion("db1", 1, 2);
+  repo.SetFile("db1", 2, "a.txt", "two");
+  ASSERT_EQ(repo.Publish(), 0);
+
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t reader = fork();
+  if (reader == 0) {
+    int fd = VESKDBUDGetFileLock("db1", 5);
+    char byte = fd >= 0 ? 'y' : 'n';
+    if (write(ready[1], &byte, 1) != 1) _exit(3);
+    usleep(1500 * 1000);
+    // The files must still be the old ones while the reader holds the lock.
+    bool unchanged = ReadFile(prefix + "/a.txt") == "one";
+    VESKDBUDReleaseFileLock(fd);
+    _exit(unchanged ? 0 : 1);
+  }
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  ASSERT_EQ(byte, 'y');
+  auto start = std::chrono::steady_clock::now();
+  UpdateTo(Installed(1));
+  double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  int status = 0;
+  waitpid(reader, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_GE(waited, 1.0);
+  EXPECT_EQ(ReadFile(prefix + "/a.txt"), "two");
+}
+
+TEST_F(EngineTest, PluginsRunBeforeAndAfterTheChange) {
+  repo.SetFile("db1", 1, "b.db", "B");
+  repo.SetFile("db1", 1, "a.db", "A");
+  ASSERT_EQ(repo.Publish(), 0);
+  const std::string dir = sandbox / "usr/vesk/lib/plugins/database_autoupdate/version_change";
+  const std::string record = sandbox / "plugin.log";
+  WriteFile(dir + "/10-record",
+            "#!/bin/sh\n"
+            "state=absent; [ -f " + prefix + "/a.db ] && state=present\n"
+            "echo \"$1 $DATABASE $CHANGED_FILES $DELIMITER $state\" >> " + record + "\n");
+  WriteFile(dir + "/20-fail", "#!/bin/sh\nexit 3\n");
+  ASSERT_EQ(Run("chmod +x " + ShellQuote(dir) + "/*"), 0);
+
+  UpdateTo(Never());
+  EXPECT_EQ(ReadFile(record), "4 db1 a.db:b.db : absent\n5 db1 a.db:b.db : present\n");
+  EXPECT_EQ(Snapshot(prefix).size(), 2u);  // the failing plug-in did not stop the update
+  EXPECT_FALSE(log.Matching("hook.cpp:107 Failed to exec hook at action [4]").empty());
+}
+
+TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  repo.SetFile("db1", 1, "small.txt", "small");
+  ASSERT_EQ(repo.Publish(), 0);
+  const RemoteInfo one = repo.Remote("db1");
+  // 6 MiB that do not compress: the package and its extraction fit in the
+  // 16 MiB volume, but installing them would leave less than 5% free.
+  std::string big(6u << 20, '\0');
+  unsigned long long x = 88172645463325252ull;
+  for (char& c : big) {
+    x ^= x << 13;
+    x ^= x >> 7;
+    x ^= x << 17;
+    c = static_cast<char>(x);
+  }
+  repo.CopyVersion("db1", 1, 2);
+  repo.SetFile("db1", 2, "big.bin", big);
+  ASSERT_EQ(repo.Publish(), 0);
+  const RemoteInfo two = repo.Remote("db1");
+
+  pid_t child = fork();
+  if (child == 0) {
+    if (unshare(CLONE_NEWNS) != 0) _exit(77);
+    if (Run("mount --make-rprivate / && mount -t tmpfs -o size=16m tmpfs " + ShellQuote(volume)) !=
+        0) {
+      _exit(77);
+    }
+    DatabaseStatus installed;
+    try {
+      installed = Updater().Update("db1", Never(), one, {}, volume, prefix, volume);
+    } catch (...) {
+      _exit(10);
+    }
+    const auto before = Snapshot(prefix);
+    try {
+      Updater().Update("db1", installed, two, {}, volume, prefix, volume);
+      _exit(11);
+    } catch (const UpdateError& e) {
+      if (std::string(e.what()) != "Disk space is too low") _exit(12);
+    }
+    if (Snapshot(prefix) != before) _exit(13);
+    if (!NoTemporaryFiles()) _exit(14);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "private mount namespaces are not permitted here";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "10 install failed, 11 no refusal, 12 other error, "
+                                       "13 installed files changed, 14 temporary files left";
+}
+
+TEST_F(EngineTest, DiffChainToFourThenFixerRepairsCorruption) {
+  DatabaseStatus status = UpdateTo(InstallOneThenPublishFour());
+  ASSERT_EQ(status.data_version, 4);
+  EXPECT_TRUE(log.Matching("Diff update fail").empty());
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  Fixer fixer("db1", repo.Remote("db1"), volume, prefix, volume);
+  EXPECT_FALSE(fixer.IsFixNeeded(status));
+
+  WriteFile(prefix + "/readme.txt", "tampered");
+  log.Clear();
+  EXPECT_TRUE(fixer.IsFixNeeded(status));
+  EXPECT_FALSE(log.Matching("digest check fail").empty());
+  EXPECT_TRUE(log.Contains("info: updater.cpp:123 db1 file check fail, Need Fix"));
+
+  DatabaseStatus fixed = fixer.Fix();
+  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_FALSE(fixer.IsFixNeeded(fixed));
+  EXPECT_TRUE(fixer.IsFixNeeded(Never()));
+  EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
+}
+
+}  // namespace
