@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -110,31 +111,33 @@ bool IsDataVolumePath(const std::string& path) {
 }
 
 bool IsNetworkFileSystem(const std::string& fs_type) {
-  static const std::set<std::string> kNetwork{"nfs",
-                                              "nfs4",
-                                              "cifs",
-                                              "smb3",
-                                              "smbfs",
-                                              "ncpfs",
-                                              "9p",
-                                              "ceph",
-                                              "glusterfs",
-                                              "afs",
-                                              "coda",
-                                              "lustre",
-                                              "davfs",
-                                              "fuse.sshfs",
-                                              "fuse.glusterfs",
-                                              "fuse.s3fs",
-                                              "fuse.ceph-fuse",
-                                              "fuse.rclone",
-                                              "fuse.davfs2",
-                                              "fuse.gcsfuse",
-                                              "fuse.smbnetfs",
-                                              "fuse.curlftpfs",
-                                              "fuse.moosefs",
-                                              "fuse.lizardfs"};
-  return kNetwork.count(fs_type) != 0;
+  // Clients of remote storage: a volume there may vanish with the network.
+  static const char* const kNetwork[] = {"nfs",
+                                         "nfs4",
+                                         "cifs",
+                                         "smb3",
+                                         "smbfs",
+                                         "ncpfs",
+                                         "9p",
+                                         "ceph",
+                                         "glusterfs",
+                                         "afs",
+                                         "coda",
+                                         "lustre",
+                                         "davfs",
+                                         "fuse.sshfs",
+                                         "fuse.glusterfs",
+                                         "fuse.s3fs",
+                                         "fuse.ceph-fuse",
+                                         "fuse.rclone",
+                                         "fuse.davfs2",
+                                         "fuse.gcsfuse",
+                                         "fuse.smbnetfs",
+                                         "fuse.curlftpfs",
+                                         "fuse.moosefs",
+                                         "fuse.lizardfs"};
+  return std::any_of(std::begin(kNetwork), std::end(kNetwork),
+                     [&](const char* type) { return fs_type == type; });
 }
 
 namespace {
