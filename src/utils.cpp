@@ -95,7 +95,15 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
     throw UpdateError("Fail to read: " + path);
   Json::Value root;
   Json::Reader reader;
-  if (!reader.parse(in, root, true))
+  bool parsed = false;
+  try {
+    parsed = reader.parse(in, root, true);
+  } catch (const std::ios_base::failure&) {
+    // The stream library throws on a read error (a directory, an I/O fault)
+    // whatever the exception mask says.
+    throw UpdateError("Fail to read: " + path);
+  }
+  if (!parsed)
     throw UpdateError("Fail to decode: " + path);
   return root;
 }

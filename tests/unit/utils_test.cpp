@@ -77,6 +77,8 @@ TEST_F(IOUtilsTest, ReadJsonDistinguishesMissingUnreadableAndUndecodable) {
   WriteFile(dir / "bad.json", "{\"a\": ");
   EXPECT_UPDATE_ERROR(io.ReadJson(dir / "bad.json"), "Fail to decode: " + (dir / "bad.json"));
 
+  EXPECT_UPDATE_ERROR(io.ReadJson(dir.path()), "Fail to read: " + dir.path());
+
   WriteFile(dir / "ok.json", "// a comment\n{\"a\": {\"b\": 1}}");
   EXPECT_EQ(io.ReadJson(dir / "ok.json")["a"]["b"].asInt(), 1);
 }

@@ -1,0 +1,103 @@
+#include "forked_child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <thread>
+
+#include "vesk/root.h"
+
+namespace vesk::test {
+
+void ForkedChild::Channel::Send(char message) const {
+  if (write(out_, &message, 1) != 1)
+    _exit(101);
+}
+
+char ForkedChild::Channel::Receive() const {
+  char message = '\0';
+  return read(in_, &message, 1) == 1 ? message : '\0';
+}
+
+ForkedChild::ForkedChild(const std::function<int(const Channel&)>& body) {
+  int down[2];
+  int up[2];
+  if (pipe2(down, O_CLOEXEC) != 0 || pipe2(up, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
+  pid_ = fork();
+  if (pid_ < 0)
+    throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    close(down[1]);
+    close(up[0]);
+    int status = 100;
+    try {
+      status = body(Channel(down[0], up[1]));
+    } catch (...) {
+      status = 100;
+    }
+    _exit(status);  // no gtest or atexit handlers in the child
+  }
+  close(down[0]);
+  close(up[1]);
+  to_child_ = down[1];
+  from_child_ = up[0];
+}
+
+ForkedChild::~ForkedChild() {
+  close(to_child_);
+  close(from_child_);
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+void ForkedChild::Send(char message) const {
+  if (write(to_child_, &message, 1) != 1)
+    throw std::runtime_error("child is gone");
+}
+
+char ForkedChild::Receive(std::chrono::milliseconds timeout) const {
+  pollfd pfd{from_child_, POLLIN, 0};
+  if (poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0)
+    return '\0';
+  char message = '\0';
+  return read(from_child_, &message, 1) == 1 ? message : '\0';
+}
+
+int ForkedChild::Wait(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (pid_ > 0) {
+    int status = 0;
+    pid_t done = waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    if (done < 0 || std::chrono::steady_clock::now() >= deadline)
+      return -1;  // the destructor kills it
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return -1;
+}
+
+Sandbox::Sandbox() : env_("VESKDBUD_ROOT", root_.path().c_str()) {}
+
+std::string Sandbox::Path(const std::string& fixed) const {
+  return vesk::platform::RootPath(fixed);
+}
+
+void Sandbox::Write(const std::string& fixed, const std::string& content) const {
+  WriteFile(Path(fixed), content);
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace vesk::test

@@ -1,0 +1,67 @@
+// Real processes for the lock tests: a forked child that runs a body and talks
+// to the parent one byte at a time through two pipes, and a sandbox root for
+// the library's fixed paths.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "test_support.h"
+
+namespace vesk::test {
+
+class ForkedChild {
+ public:
+  // The child's end of the pipes.
+  class Channel {
+   public:
+    Channel(int in, int out) : in_(in), out_(out) {}
+    void Send(char message) const;
+    // Blocks until the parent sends a byte; '\0' when the parent is gone.
+    char Receive() const;
+
+   private:
+    int in_;
+    int out_;
+  };
+
+  // Forks; the child runs `body` and exits with its result (100 when it throws).
+  // The child must not use gtest assertions: it reports through its exit status.
+  explicit ForkedChild(const std::function<int(const Channel&)>& body);
+  ~ForkedChild();  // kills a child still running, and reaps it
+  ForkedChild(const ForkedChild&) = delete;
+  ForkedChild& operator=(const ForkedChild&) = delete;
+
+  void Send(char message) const;
+  // The next byte from the child; '\0' when it closed its end or after `timeout`.
+  char Receive(std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+  // The child's exit status; -1 if it was killed or did not end within `timeout`.
+  int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+ private:
+  pid_t pid_ = -1;
+  int to_child_ = -1;
+  int from_child_ = -1;
+};
+
+// VESKDBUD_ROOT pointed at a fresh directory for the object's lifetime.
+class Sandbox {
+ public:
+  Sandbox();
+  // `fixed` (such as "/run/data_update/x.lock") as the library resolves it.
+  std::string Path(const std::string& fixed) const;
+  void Write(const std::string& fixed, const std::string& content) const;
+  const std::string& root() const { return root_.path(); }
+
+ private:
+  TempDir root_;
+  ScopedEnv env_;
+};
+
+// Seconds elapsed on the steady clock since `start`.
+double SecondsSince(std::chrono::steady_clock::time_point start);
+
+}  // namespace vesk::test

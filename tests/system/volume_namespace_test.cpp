@@ -1,0 +1,287 @@
+// Volume enumeration over real mounts. Each test forks a child that enters a
+// private mount namespace (so nothing it mounts is seen by the host), mounts
+// small tmpfs volumes and checks the platform's answers; the child reports its
+// findings through a pipe and its exit status. Where namespaces are not
+// permitted the tests are skipped with the reason.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+#include "vesk/mount_vol.h"
+#include "vlib/vlibc.h"
+
+namespace {
+
+constexpr int kSkipStatus = 77;
+constexpr unsigned long long kMiB = 1ull << 20;
+
+// Findings of the child, one line each.
+class Checks {
+ public:
+  void Expect(bool ok, const std::string& what) {
+    if (!ok)
+      failures_.push_back(what);
+  }
+  template <typename A, typename B>
+  void Equal(const A& actual, const B& expected, const std::string& what) {
+    if (!(actual == expected)) {
+      std::ostringstream line;
+      line << what << ": got " << actual << ", expected " << expected;
+      failures_.push_back(line.str());
+    }
+  }
+  void Between(unsigned long long value, unsigned long long low, unsigned long long high,
+               const std::string& what) {
+    if (value < low || value > high) {
+      failures_.push_back(what + ": " + std::to_string(value) + " not in [" + std::to_string(low) +
+                          ", " + std::to_string(high) + "]");
+    }
+  }
+  const std::vector<std::string>& failures() const { return failures_; }
+
+ private:
+  std::vector<std::string> failures_;
+};
+
+void WriteAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n <= 0)
+      return;
+    done += static_cast<size_t>(n);
+  }
+}
+
+// Runs `body` in a forked child inside a private mount namespace. Failures it
+// records become test failures; a namespace that cannot be made skips.
+void InMountNamespace(const std::function<void(Checks&)>& body) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
+  int fds[2];
+  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    close(fds[0]);
+    if (unshare(CLONE_NEWNS) != 0) {
+      WriteAll(fds[1], std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno));
+      _exit(kSkipStatus);
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      WriteAll(fds[1], std::string("making / private: ") + std::strerror(errno));
+      _exit(kSkipStatus);
+    }
+    Checks checks;
+    body(checks);
+    std::string report;
+    for (const auto& line : checks.failures())
+      report += line + "\n";
+    WriteAll(fds[1], report);
+    _exit(checks.failures().empty() ? 0 : 1);
+  }
+  close(fds[1]);
+  std::string report;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) != 0;) {
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      break;
+    report.append(buffer, static_cast<size_t>(n));
+  }
+  close(fds[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status)) << "child died: status " << status;
+  if (WEXITSTATUS(status) == kSkipStatus)
+    GTEST_SKIP() << "no private mount namespace: " << report;
+  std::istringstream lines(report);
+  for (std::string line; std::getline(lines, line);)
+    ADD_FAILURE() << line;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+bool MountTmpfs(Checks& checks, const std::string& where, const char* options,
+                unsigned long flags = 0) {
+  if (mount("tmpfs", where.c_str(), "tmpfs", flags, options) == 0)
+    return true;
+  checks.Expect(false, "mount tmpfs at " + where + ": " + std::strerror(errno));
+  return false;
+}
+
+std::map<std::string, VESKVolInfo> Enumerate(Checks& checks) {
+  std::map<std::string, VESKVolInfo> found;
+  VESKVolInfo* list = VESKMountVolAllEnum(0, 1);
+  checks.Expect(list != nullptr,
+                "enumeration returned nothing, error " + std::to_string(VLIBCErrGet()));
+  for (const VESKVolInfo* r = list; r != nullptr; r = r->next) {
+    checks.Expect(found.count(r->mount_path) == 0, std::string("listed twice: ") + r->mount_path);
+    found[r->mount_path] = *r;
+  }
+  VESKMountVolInfoFree(list);
+  return found;
+}
+
+// Mount point directories on the host's root; the ones this test had to
+// create are removed again.
+class HostMountPoints {
+ public:
+  explicit HostMountPoints(const std::vector<std::string>& paths) {
+    for (const auto& path : paths) {
+      if (mkdir(path.c_str(), 0755) == 0) {
+        created_.push_back(path);
+      } else if (errno != EEXIST) {
+        error_ = "mkdir " + path + ": " + std::strerror(errno);
+        return;
+      }
+    }
+  }
+  ~HostMountPoints() {
+    for (const auto& path : created_)
+      rmdir(path.c_str());
+  }
+  HostMountPoints(const HostMountPoints&) = delete;
+  HostMountPoints& operator=(const HostMountPoints&) = delete;
+  const std::string& error() const { return error_; }
+
+ private:
+  std::vector<std::string> created_;
+  std::string error_;
+};
+
+TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
+  HostMountPoints points({"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
+  if (!points.error().empty())
+    GTEST_SKIP() << "cannot create mount points: " << points.error();
+
+  InMountNamespace([](Checks& checks) {
+    unsetenv("VESK_VOLUMES");  // the mount table decides
+    if (!MountTmpfs(checks, "/volume1", "size=4m") || !MountTmpfs(checks, "/volume2", "size=8m") ||
+        !MountTmpfs(checks, "/volume3", "size=4m", MS_RDONLY) ||
+        !MountTmpfs(checks, "/volume", "size=2m") || !MountTmpfs(checks, "/volumeX", "size=1m") ||
+        !MountTmpfs(checks, "/volume7x", "size=1m"))
+      return;
+
+    auto found = Enumerate(checks);
+    for (const auto& [path, record] : found) {
+      checks.Expect(path.rfind("/volume", 0) == 0 &&
+                        path.find_first_not_of("0123456789", 7) == std::string::npos,
+                    "not a data volume but listed: " + path);
+    }
+    checks.Equal(found.count("/volumeX"), 0u, "/volumeX listed");
+    checks.Equal(found.count("/volume7x"), 0u, "/volume7x listed");
+    for (const char* path : {"/volume", "/volume1", "/volume2", "/volume3"})
+      checks.Equal(found.count(path), 1u, std::string(path) + " listed");
+    if (found.size() < 4)
+      return;
+
+    const VESKVolInfo& one = found["/volume1"];
+    checks.Equal(one.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "/volume1 read-write flag");
+    checks.Equal(one.mounted, 1, "/volume1 mounted");
+    checks.Equal(one.stat_ready, 1, "/volume1 statvfs");
+    checks.Equal(std::string(one.fs_type), std::string("tmpfs"), "/volume1 fs_type");
+    checks.Between(one.avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "/volume1 avail_bytes");
+    checks.Expect(VESKVolumeServicePolicy(&one) != 0, "/volume1 refused by policy");
+    checks.Between(found["/volume2"].avail_bytes, 8 * kMiB - 64 * 1024, 8 * kMiB,
+                   "/volume2 avail_bytes");
+    checks.Between(found["/volume"].avail_bytes, 2 * kMiB - 64 * 1024, 2 * kMiB,
+                   "/volume avail_bytes");
+
+    const VESKVolInfo& three = found["/volume3"];
+    checks.Equal(three.flags & VESK_VOL_FLAG_RW, 0u, "/volume3 (read-only) read-write flag");
+    checks.Equal(three.mounted, 1, "/volume3 mounted");
+    checks.Equal(three.stat_ready, 1, "/volume3 statvfs");
+    checks.Equal(VESKVolumeServicePolicy(&three), 0, "/volume3 (read-only) policy");
+
+    // Space used on the volume shows in the next answer.
+    const int fd = open("/volume1/filler", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const std::string block(1 << 20, 'x');
+    checks.Expect(
+        fd >= 0 && write(fd, block.data(), block.size()) == static_cast<ssize_t>(block.size()),
+        "writing 1 MiB to /volume1");
+    if (fd >= 0)
+      close(fd);
+    VESKVolInfo info{};
+    checks.Equal(VESKMountVolInfoGet("/volume1", &info), 0, "InfoGet /volume1");
+    checks.Between(info.avail_bytes, 3 * kMiB - 64 * 1024, 3 * kMiB, "/volume1 after 1 MiB");
+    checks.Equal(std::string(info.mount_path), std::string("/volume1"), "InfoGet path");
+
+    checks.Equal(VESKMountVolInfoGet("/volumeX", &info), -1, "InfoGet /volumeX");
+    checks.Equal(VLIBCErrGet(), ENODEV, "InfoGet /volumeX error");
+
+    // A volume mounted over another is listed once, with the top mount's figures.
+    if (MountTmpfs(checks, "/volume2", "size=1m")) {
+      auto stacked = Enumerate(checks);
+      checks.Between(stacked["/volume2"].avail_bytes, kMiB - 64 * 1024, kMiB,
+                     "/volume2 stacked avail_bytes");
+      umount("/volume2");
+    }
+    // Unmounted, a volume leaves the list and InfoGet fails.
+    checks.Equal(umount("/volume2"), 0, "umount /volume2");
+    checks.Equal(Enumerate(checks).count("/volume2"), 0u, "/volume2 listed after umount");
+    checks.Equal(VESKMountVolInfoGet("/volume2", &info), -1, "InfoGet unmounted /volume2");
+    checks.Equal(VLIBCErrGet(), ENOENT, "InfoGet unmounted /volume2 error");
+  });
+}
+
+TEST(VolumeNamespace, ConfiguredVolumesSeeReadOnlyBindsAndTheirFileSystemType) {
+  vesk::test::TempDir dir;
+  const std::string spaced = dir / "data vol";  // "\040" in mountinfo
+  const std::string read_only = dir / "ro";
+  const std::string plain = dir / "plain";
+  for (const auto& path : {spaced, read_only, plain})
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+
+  InMountNamespace([&](Checks& checks) {
+    if (!MountTmpfs(checks, spaced, "size=4m"))
+      return;
+    if (mount(read_only.c_str(), read_only.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        mount(nullptr, read_only.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) !=
+            0) {
+      checks.Expect(false, std::string("read-only bind: ") + std::strerror(errno));
+      return;
+    }
+    setenv("VESK_VOLUMES", (spaced + ":" + read_only + ":" + plain).c_str(), 1);
+
+    auto found = Enumerate(checks);
+    checks.Equal(found.size(), 3u, "configured volumes listed");
+    const VESKVolInfo& tmp = found[spaced];
+    checks.Equal(std::string(tmp.fs_type), std::string("tmpfs"), "fs_type below an escaped path");
+    checks.Between(tmp.avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "tmpfs avail_bytes");
+    checks.Equal(tmp.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "tmpfs read-write flag");
+    checks.Expect(VESKVolumeServicePolicy(&tmp) != 0, "tmpfs refused by policy");
+
+    const VESKVolInfo& ro = found[read_only];
+    checks.Equal(ro.mounted, 1, "read-only bind mounted");
+    checks.Equal(ro.stat_ready, 1, "read-only bind statvfs");
+    checks.Equal(ro.flags & VESK_VOL_FLAG_RW, 0u, "read-only bind read-write flag");
+    checks.Equal(VESKVolumeServicePolicy(&ro), 0, "read-only bind policy");
+
+    const VESKVolInfo& rw = found[plain];
+    checks.Equal(rw.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "plain directory read-write");
+    checks.Expect(rw.fs_type[0] != '\0', "plain directory has no fs_type");
+
+    VESKVolInfo info{};
+    checks.Equal(VESKMountVolInfoGet(spaced.c_str(), &info), 0, "InfoGet of a path with a space");
+    checks.Equal(std::string(info.fs_type), std::string("tmpfs"), "InfoGet fs_type");
+  });
+}
+
+}  // namespace

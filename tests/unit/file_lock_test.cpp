@@ -1,0 +1,154 @@
+// FileLock within one process: what it creates, its messages and log lines, and
+// that a second lock on the same path conflicts like any other process would.
+#include "dataupdate/file_lock.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <optional>
+
+#include "test_support.h"
+
+using vesk::dataupdate::FileLock;
+using vesk::test::Exists;
+using vesk::test::LogCapture;
+using vesk::test::TempDir;
+
+namespace {
+
+// The descriptor of this process that has `path` open, if any.
+std::optional<int> DescriptorOf(const std::string& path) {
+  std::optional<int> found;
+  DIR* dir = opendir("/proc/self/fd");
+  while (dirent* entry = readdir(dir)) {
+    char target[4096];
+    const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+    if (n > 0 && std::string(target, static_cast<size_t>(n)) == path)
+      found = std::atoi(entry->d_name);
+  }
+  closedir(dir);
+  return found;
+}
+
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : old_(umask(mask)) {}
+  ~ScopedUmask() { umask(old_); }
+
+ private:
+  mode_t old_;
+};
+
+}  // namespace
+
+TEST(FileLock, CreatesMissingDirectoriesAndAFileWithMode0644) {
+  TempDir dir;
+  ScopedUmask open_umask(0);
+  const std::string path = dir / "run/data_update/update_any.lock";
+  {
+    FileLock lock(path, 0);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
+  }
+  EXPECT_TRUE(Exists(path)) << "the lock file is never deleted";
+}
+
+TEST(FileLock, PathWithoutDirectoryPartNeedsNoDirectory) {
+  TempDir dir;
+  char previous[4096];
+  ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
+  ASSERT_EQ(chdir(dir.path().c_str()), 0);
+  {
+    FileLock lock("bare.lock", 0);
+    EXPECT_TRUE(Exists(dir / "bare.lock"));
+  }
+  EXPECT_NO_THROW(FileLock::MakeDir("bare.lock"));
+  ASSERT_EQ(chdir(previous), 0);
+}
+
+TEST(FileLock, HoldsACloseOnExecDescriptorUntilDestroyed) {
+  TempDir dir;
+  const std::string path = dir / "x.lock";
+  {
+    FileLock lock(path, 0);
+    std::optional<int> fd = DescriptorOf(path);
+    ASSERT_TRUE(fd.has_value());
+    EXPECT_TRUE(fcntl(*fd, F_GETFD) & FD_CLOEXEC);
+  }
+  EXPECT_FALSE(DescriptorOf(path).has_value());
+}
+
+TEST(FileLock, SecondLockOnTheSamePathInOneProcessConflicts) {
+  TempDir dir;
+  const std::string path = dir / "update_db1.lock";
+  {
+    FileLock first(path, 0);
+    EXPECT_UPDATE_ERROR(FileLock second(path, 0), "Fail to lock " + path);
+    // The failed attempt closed its own descriptor and left the first one held.
+    EXPECT_TRUE(DescriptorOf(path).has_value());
+  }
+  EXPECT_NO_THROW(FileLock again(path, 0));
+}
+
+TEST(FileLock, LogsAcquireAndRelease) {
+  TempDir dir;
+  LogCapture log;
+  const std::string path = dir / "fresh_info.lock";
+  { FileLock lock(path, 3); }
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
+                             "info: file_lock.cpp:44 Acquire lock on file: " + path,
+                             "info: file_lock.cpp:53 Release lock on file: " + path,
+                         }));
+}
+
+TEST(FileLock, FailedLockLogsNothing) {
+  TempDir dir;
+  const std::string path = dir / "x.lock";
+  FileLock held(path, 0);
+  LogCapture log;
+  EXPECT_UPDATE_ERROR(FileLock(path, 0), "Fail to lock " + path);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(FileLock, DirectoryThatCannotBeCreatedReportsTheFilesystemError) {
+  TempDir dir;
+  vesk::test::WriteFile(dir / "plain", "a file where a directory should be");
+  const std::string path = dir / "plain/sub/x.lock";
+  std::string filesystem_text;
+  try {
+    boost::filesystem::create_directories(dir / "plain/sub");
+  } catch (const boost::filesystem::filesystem_error& e) {
+    filesystem_text = e.what();
+  }
+  ASSERT_FALSE(filesystem_text.empty());
+  EXPECT_UPDATE_ERROR(FileLock(path, 0), "Fail to create dir " + filesystem_text);
+  EXPECT_UPDATE_ERROR(FileLock::MakeDir(path), "Fail to create dir " + filesystem_text);
+}
+
+TEST(FileLock, LockFileThatCannotBeOpenedFails) {
+  TempDir dir;
+  const std::string path = dir / "a_directory.lock";
+  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+  EXPECT_UPDATE_ERROR(FileLock(path, 0), "Fail open lock file " + path);
+}
+
+TEST(FileLock, FailedUnlockIsLoggedAndTheReleaseLineStillFollows) {
+  TempDir dir;
+  const std::string path = dir / "x.lock";
+  auto lock = std::make_unique<FileLock>(path, 0);
+  std::optional<int> fd = DescriptorOf(path);
+  ASSERT_TRUE(fd.has_value());
+  ASSERT_EQ(close(*fd), 0);  // pulled from under the guard: its unlock must fail
+  LogCapture log;
+  lock.reset();
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
+                             "err: file_lock.cpp:50 Fail to unlock " + path,
+                             "info: file_lock.cpp:53 Release lock on file: " + path,
+                         }));
+}

@@ -1,0 +1,284 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+#include "vlib/plugin_sdk.h"
+#include "vlib/vlibc.h"
+
+using vesk::test::ReadFile;
+using vesk::test::ScopedEnv;
+using vesk::test::TempDir;
+using vesk::test::WriteFile;
+
+namespace {
+
+std::vector<std::string> LinesOf(const std::string& path) {
+  std::vector<std::string> lines;
+  if (!vesk::test::Exists(path))
+    return lines;
+  std::istringstream in(ReadFile(path));
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+// A VESKDBUD_ROOT sandbox holding the plug-in directory of one path, and a
+// record file that the plug-ins written here append to.
+class PluginSandbox : public ::testing::Test {
+ protected:
+  static constexpr const char* kPath = "test_module/some_event";
+
+  std::string PluginDir() const { return root_ / ("usr/vesk/lib/plugins/" + std::string(kPath)); }
+  std::string RecordFile() const { return root_ / "record.txt"; }
+
+  // A shell-script plug-in named `name` running `body`; $RECORD is the record file.
+  void WritePlugin(const std::string& name, const std::string& body, mode_t mode = 0755) {
+    const std::string path = PluginDir() + "/" + name;
+    WriteFile(path, "#!/bin/sh\nRECORD='" + RecordFile() + "'\n" + body + "\n");
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+  }
+  // A plug-in that appends "<name> <argc> <argv[1]>" to the record.
+  void WriteRecorder(const std::string& name, mode_t mode = 0755) {
+    WritePlugin(name, "echo \"" + name + " $# $1\" >> \"$RECORD\"", mode);
+  }
+
+  VLIBPluginHandle Init() {
+    VLIBPluginHandle handle = 0;
+    EXPECT_EQ(VLIBPluginSDKInit("test_module", kPath, &handle), 0);
+    EXPECT_NE(handle, 0u);
+    return handle;
+  }
+
+  std::vector<std::string> Record() const { return LinesOf(RecordFile()); }
+
+  TempDir root_;
+  ScopedEnv env_{"VESKDBUD_ROOT", root_.path().c_str()};
+};
+
+TEST_F(PluginSandbox, RunsEveryExecutableInByteOrderWithTheActionAsOnlyArgument) {
+  for (const char* name : {"b", "a", "A", "10", "9", "_z"})
+    WriteRecorder(name);
+  VLIBPluginHandle handle = Init();
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(Record(),
+            (std::vector<std::string>{"10 1 4", "9 1 4", "A 1 4", "_z 1 4", "a 1 4", "b 1 4"}));
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_POST_UPDATE, handle), 0);
+  EXPECT_EQ(Record().size(), 12u);
+  EXPECT_EQ(Record().back(), "b 1 5");
+  EXPECT_EQ(VLIBPluginExit(handle), 0);
+}
+
+TEST_F(PluginSandbox, NamedArgumentsAreAddedToTheInheritedEnvironment) {
+  ScopedEnv inherited("PLUGIN_TEST_INHERITED", "from parent");
+  ScopedEnv shadowed("DATABASE", "inherited value");
+  WritePlugin("env",
+              "printf '%s|%s|%s|%s\\n' \"$DATABASE\" \"$CHANGED_FILES\" "
+              "\"$PLUGIN_TEST_INHERITED\" \"$ODD\" >> \"$RECORD\"\n"
+              "env | grep -c '^DATABASE=' >> \"$RECORD\"");
+  VLIBPluginHandle handle = Init();
+  ASSERT_EQ(VLIBPluginSetArg(handle, "DATABASE", "first"), 0);
+  ASSERT_EQ(VLIBPluginSetArg(handle, "CHANGED_FILES", "a.db:b.db"), 0);
+  ASSERT_EQ(VLIBPluginSetArg(handle, "ODD", "two words; $HOME `x`"), 0);
+  ASSERT_EQ(VLIBPluginSetArg(handle, "DATABASE", "db1"), 0);  // a later set replaces
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(Record(), (std::vector<std::string>{
+                          "db1|a.db:b.db|from parent|two words; $HOME `x`",
+                          "1",  // the argument replaced the inherited variable, once
+                      }));
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, StdinIsEmpty) {
+  WritePlugin("reader", "cat > \"$RECORD\"");
+  VLIBPluginHandle handle = Init();
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_INSTALL, handle), 0);
+  EXPECT_EQ(ReadFile(RecordFile()), "");
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, AFailingPluginDoesNotStopTheOthersButFailsTheAction) {
+  WriteRecorder("1-first");
+  WritePlugin("2-fails", "echo 2-fails >> \"$RECORD\"; exit 3");
+  WritePlugin("3-killed", "echo 3-killed >> \"$RECORD\"; kill -9 $$");
+  WriteRecorder("4-last");
+  VLIBPluginHandle handle = Init();
+  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_POST_UPDATE, handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), 0x103);  // the first failure is the one reported
+  EXPECT_EQ(Record(),
+            (std::vector<std::string>{"1-first 1 5", "2-fails", "3-killed", "4-last 1 5"}));
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, AKilledPluginReportsItsSignal) {
+  WritePlugin("killed", "kill -9 $$");
+  VLIBPluginHandle handle = Init();
+  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), 0x209);
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, NonExecutablesSubdirectoriesAndDanglingLinksAreIgnored) {
+  WriteRecorder("plain", 0644);
+  WriteRecorder("runs");
+  ASSERT_EQ(mkdir((PluginDir() + "/subdir").c_str(), 0755), 0);
+  WriteRecorder("subdir/nested");
+  ASSERT_EQ(symlink((PluginDir() + "/runs").c_str(), (PluginDir() + "/linked").c_str()), 0);
+  ASSERT_EQ(symlink("/nonexistent/plugin", (PluginDir() + "/dangling").c_str()), 0);
+  VLIBPluginHandle handle = Init();
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  // The link runs its target, whose script names itself "runs".
+  EXPECT_EQ(Record(), (std::vector<std::string>{"runs 1 4", "runs 1 4"}));
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, PluginsAreFoundOnceAtInit) {
+  WriteRecorder("early");
+  VLIBPluginHandle handle = Init();
+  WriteRecorder("late");
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(Record(), (std::vector<std::string>{"early 1 4"}));
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, AMissingDirectoryMeansNoPluginsAndSuccess) {
+  ASSERT_FALSE(vesk::test::Exists(PluginDir()));
+  VLIBPluginHandle handle = Init();
+  EXPECT_EQ(VLIBPluginSetArg(handle, "DATABASE", "db1"), 0);
+  EXPECT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(VLIBPluginExit(handle), 0);
+  EXPECT_FALSE(vesk::test::Exists(RecordFile()));
+}
+
+TEST_F(PluginSandbox, AFileWhereTheDirectoryShouldBeFailsInitAndLeavesTheHandle) {
+  WriteFile(root_ / "usr/vesk/lib/plugins/test_module", "not a directory");
+  VLIBPluginHandle handle = 0;
+  EXPECT_NE(VLIBPluginSDKInit("test_module", kPath, &handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
+  EXPECT_EQ(handle, 0u);
+}
+
+TEST_F(PluginSandbox, PathsLeavingThePluginRootAndMissingNamesAreRefused) {
+  VLIBPluginHandle handle = 0;
+  for (const char* path : {"", "/etc", "../x", "a/../../b", "a//b", "./a", "a/."}) {
+    EXPECT_NE(VLIBPluginSDKInit("test_module", path, &handle), 0) << path;
+    EXPECT_EQ(VLIBCErrGet(), EINVAL) << path;
+  }
+  EXPECT_NE(VLIBPluginSDKInit(nullptr, kPath, &handle), 0);
+  EXPECT_NE(VLIBPluginSDKInit("", kPath, &handle), 0);
+  EXPECT_NE(VLIBPluginSDKInit("test_module", nullptr, &handle), 0);
+  EXPECT_NE(VLIBPluginSDKInit("test_module", kPath, nullptr), 0);
+  EXPECT_EQ(handle, 0u);
+  // A trailing "/" names the same directory.
+  EXPECT_EQ(VLIBPluginSDKInit("test_module", "test_module/some_event/", &handle), 0);
+  EXPECT_EQ(VLIBPluginExit(handle), 0);
+}
+
+TEST_F(PluginSandbox, ReleasedAndUnknownHandlesAreRefused) {
+  WriteRecorder("p");
+  VLIBPluginHandle handle = Init();
+  ASSERT_EQ(VLIBPluginExit(handle), 0);
+  EXPECT_NE(VLIBPluginExit(handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), EBADF);
+  EXPECT_NE(VLIBPluginSetArg(handle, "K", "v"), 0);
+  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), EBADF);
+  EXPECT_NE(VLIBPluginExit(0), 0);
+  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle + 1000), 0);
+  EXPECT_FALSE(vesk::test::Exists(RecordFile()));  // nothing ran through a dead handle
+}
+
+TEST_F(PluginSandbox, ArgumentNamesThatCannotBeVariablesAreRefused) {
+  VLIBPluginHandle handle = Init();
+  EXPECT_NE(VLIBPluginSetArg(handle, "A=B", "x"), 0);
+  EXPECT_EQ(VLIBCErrGet(), EINVAL);
+  EXPECT_NE(VLIBPluginSetArg(handle, "", "x"), 0);
+  EXPECT_NE(VLIBPluginSetArg(handle, nullptr, "x"), 0);
+  EXPECT_NE(VLIBPluginSetArg(handle, "KEY", nullptr), 0);
+  EXPECT_EQ(VLIBPluginSetArg(handle, "KEY", ""), 0);
+  VLIBPluginExit(handle);
+}
+
+TEST_F(PluginSandbox, HandlesKeepTheirOwnArguments) {
+  WritePlugin("p", "echo \"$DATABASE\" >> \"$RECORD\"");
+  VLIBPluginHandle first = Init();
+  VLIBPluginHandle second = Init();
+  ASSERT_NE(first, second);
+  ASSERT_EQ(VLIBPluginSetArg(first, "DATABASE", "one"), 0);
+  ASSERT_EQ(VLIBPluginSetArg(second, "DATABASE", "two"), 0);
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, second), 0);
+  ASSERT_EQ(VLIBPluginExit(second), 0);
+  ASSERT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, first), 0);
+  EXPECT_EQ(Record(), (std::vector<std::string>{"two", "one"}));
+  VLIBPluginExit(first);
+}
+
+TEST_F(PluginSandbox, ConcurrentInitAndExitGiveDistinctHandlesAndEachExitsOnce) {
+  std::vector<std::vector<VLIBPluginHandle>> seen(4);
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < seen.size(); ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) {
+        VLIBPluginHandle handle = 0;
+        if (VLIBPluginSDKInit("test_module", kPath, &handle) != 0 ||
+            VLIBPluginSetArg(handle, "K", "v") != 0 || VLIBPluginExit(handle) != 0 ||
+            VLIBPluginExit(handle) == 0)
+          ++failures;
+        seen[t].push_back(handle);
+      }
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(failures.load(), 0);
+  std::vector<VLIBPluginHandle> all;
+  for (const auto& handles : seen)
+    all.insert(all.end(), handles.begin(), handles.end());
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end()) << "a handle was issued twice";
+}
+
+TEST_F(PluginSandbox, APluginOverItsTimeLimitIsKilledWithItsHelpers) {
+  ScopedEnv limit("VLIB_PLUGIN_TIMEOUT", "1");
+  const std::string helper_pid = root_ / "helper.pid";
+  WritePlugin("1-hangs", "sleep 60 & echo $! > '" + helper_pid + "'\nsleep 60");
+  WriteRecorder("2-next");
+  VLIBPluginHandle handle = Init();
+  timespec start, end;
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), ETIMEDOUT);
+  clock_gettime(CLOCK_MONOTONIC, &end);
+  EXPECT_LT(end.tv_sec - start.tv_sec, 20);
+  EXPECT_EQ(Record(), (std::vector<std::string>{"2-next 1 4"}));
+  VLIBPluginExit(handle);
+
+  // The helper belonged to the plug-in's process group: it is gone (or only a
+  // zombie waiting for its new parent to reap it).
+  const pid_t helper = std::stoi(ReadFile(helper_pid));
+  bool gone = false;
+  for (int i = 0; i < 100 && !gone; ++i) {
+    std::ifstream stat("/proc/" + std::to_string(helper) + "/stat");
+    std::string pid_field, comm, state;
+    gone = !(stat >> pid_field >> comm >> state) || state == "Z";
+    if (!gone)
+      usleep(20000);
+  }
+  EXPECT_TRUE(gone) << "helper " << helper << " still runs";
+  if (!gone)
+    kill(helper, SIGKILL);
+}
+
+}  // namespace
