@@ -19,19 +19,19 @@ extern char** environ;
 namespace vesk::test {
 
 CraftEntry FileEntry(const std::string& name, const std::string& content) {
-  return {CraftEntry::kFile, name, content, ""};
+  return {CraftEntry::kFile, name, content, "", 0};
 }
 CraftEntry DirEntry(const std::string& name) {
-  return {CraftEntry::kDir, name, "", ""};
+  return {CraftEntry::kDir, name, "", "", 0};
 }
 CraftEntry SymlinkEntry(const std::string& name, const std::string& target) {
-  return {CraftEntry::kSymlink, name, "", target};
+  return {CraftEntry::kSymlink, name, "", target, 0};
 }
 CraftEntry HardlinkEntry(const std::string& name, const std::string& original) {
-  return {CraftEntry::kHardlink, name, "", original};
+  return {CraftEntry::kHardlink, name, "", original, 0};
 }
 CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind) {
-  return {kind, name, "", ""};
+  return {kind, name, "", "", 0};
 }
 
 void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
@@ -58,6 +58,8 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
     archive_entry_set_pathname(entry.get(), e.name.c_str());
     archive_entry_set_perm(entry.get(), 0644);
     archive_entry_set_mtime(entry.get(), 1000000000, 0);
+    archive_entry_set_uid(entry.get(), 4321);  // nobody's: extraction must not restore it
+    archive_entry_set_gid(entry.get(), 4321);
     switch (e.kind) {
       case CraftEntry::kFile:
         archive_entry_set_filetype(entry.get(), AE_IFREG);
@@ -87,6 +89,8 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
         archive_entry_set_filetype(entry.get(), AE_IFIFO);
         break;
     }
+    if (e.mode != 0)
+      archive_entry_set_perm(entry.get(), static_cast<mode_t>(e.mode));
     if (archive_write_header(a.get(), entry.get()) < ARCHIVE_WARN)
       throw std::runtime_error(std::string("cannot add ") + e.name + ": " +
                                archive_error_string(a.get()));

@@ -20,6 +20,7 @@ struct CraftEntry {
   std::string name;
   std::string content;  // kFile
   std::string link;     // kSymlink target or kHardlink original
+  int mode = 0;         // permission bits; 0: 0644 (0755 for directories)
 };
 
 CraftEntry FileEntry(const std::string& name, const std::string& content);

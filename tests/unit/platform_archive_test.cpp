@@ -124,6 +124,30 @@ TEST_F(ArchiveTest, EmptyArchiveExtractsNothing) {
   EXPECT_TRUE(ListTree(target).empty());
 }
 
+TEST_F(ArchiveTest, ZeroLengthArchiveHoldsNoEntries) {
+  WriteFile(work / "zero.tar", "");
+  publish::SignArchive(work / "zero.tar", work / "zero.pkg", key.get(), 6);
+  ASSERT_EQ(ExtractError(work / "zero.pkg"), VESKARCHIVE_OK) << last_detail;
+  EXPECT_TRUE(ListTree(target).empty());
+}
+
+TEST_F(ArchiveTest, OwnerAndSpecialModeBitsAreNotRestored) {
+  CraftEntry setuid = FileEntry("tool", "#!/bin/sh\n");
+  setuid.mode = 04755;
+  CraftEntry sticky = DirEntry("shared");
+  sticky.mode = 01777;
+  const mode_t mask = umask(022);
+  const int code = ExtractError(Package({setuid, sticky}));
+  umask(mask);
+  ASSERT_EQ(code, VESKARCHIVE_OK) << last_detail;
+  struct stat st;
+  ASSERT_EQ(stat((target + "/tool").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  EXPECT_EQ(st.st_uid, getuid());
+  ASSERT_EQ(stat((target + "/shared").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+}
+
 TEST_F(ArchiveTest, EveryFlippedByteIsRefusedBeforeAnythingIsWritten) {
   const std::string pkg = Package({FileEntry("a.txt", "first file\n"), FileEntry("b/c", "second")});
   const std::string pristine = ReadFile(pkg);
