@@ -44,6 +44,10 @@ Status ForEachEntry(const VerifiedPackage& package, const Visitor& visit) {
 
   VerifiedStream stream(package);
   Status s = stream.Open(reader.get());
+  if (s.code == VESKARCHIVE_E_FORMAT) {
+    Status changed = stream.Finish();  // unreadable because it changed?
+    return changed.ok() ? s : changed;
+  }
   if (!s.ok())
     return s;
   for (;;) {
