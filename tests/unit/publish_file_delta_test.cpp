@@ -99,6 +99,23 @@ TEST_F(FileDeltaTest, StatementsBrokenAtNewlinesAreJoinedOnePerLine) {
   EXPECT_EQ(Dump(applied), Dump(new_db));
 }
 
+TEST_F(FileDeltaTest, SourceDatabasesAreLeftAsTheyAre) {
+  const std::string src = dir / "src";
+  boost::filesystem::create_directories(src);
+  boost::filesystem::copy_file(old_db, src + "/old.db");
+  boost::filesystem::copy_file(new_db, src + "/new.db");
+  Sql(src + "/old.db", "PRAGMA journal_mode = WAL;");
+  Sql(src + "/new.db", "PRAGMA journal_mode = WAL; UPDATE t SET name = 'w' WHERE id = 3;");
+  const std::string old_bytes = ReadFile(src + "/old.db"), new_bytes = ReadFile(src + "/new.db");
+  std::string why;
+  ASSERT_TRUE(
+      MakeSqliteDiff(src + "/old.db", src + "/new.db", dir / "d.sqlitediff", Scratch("s"), &why))
+      << why;
+  EXPECT_EQ(ListTree(src), (std::vector<std::string>{"new.db", "old.db"}));
+  EXPECT_EQ(ReadFile(src + "/old.db"), old_bytes);
+  EXPECT_EQ(ReadFile(src + "/new.db"), new_bytes);
+}
+
 TEST_F(FileDeltaTest, ChangesSqldiffCannotExpressAreRefused) {
   Sql(new_db, "PRAGMA user_version = 7; UPDATE t SET name = 'x' WHERE id = 1;");
   std::string why;

@@ -75,8 +75,13 @@ bool IsSqliteFile(const std::string& path) {
   return FileStartsWith(path, kSqliteHeader);
 }
 
-bool MakeSqliteDiff(const std::string& old_db, const std::string& new_db, const std::string& out,
-                    const std::string& scratch, std::string* why) {
+bool MakeSqliteDiff(const std::string& old_source, const std::string& new_source,
+                    const std::string& out, const std::string& scratch, std::string* why) {
+  // Work on copies: opening a database, even to read it, may leave journal, -wal
+  // or -shm files beside it, and the source tree must stay as it is.
+  const std::string old_db = scratch + "/old.db", new_db = scratch + "/new.db";
+  CopyFileContents(old_source, old_db);
+  CopyFileContents(new_source, new_db);
   const std::string raw = scratch + "/sqldiff.out";
   if (int rc = RunProgram({"sqldiff", old_db, new_db}, raw, true); rc != 0) {
     *why = "sqldiff failed (status " + std::to_string(rc) + ")";
