@@ -104,6 +104,15 @@ TEST_F(ArchiveTest, ExtractsFilesDirectoriesAndLinksInsideTheTarget) {
                                                         "d/e/f/g.txt", "d/link", "top.bin", "up"}));
 }
 
+TEST_F(ArchiveTest, NamesThatAreNotAsciiSurvive) {
+  const std::string utf8 = "caf\xc3\xa9 \xc3\xbcn\xc3\xaf.txt", raw = "raw\xff";
+  ASSERT_EQ(ExtractError(Package({FileEntry(utf8, "utf-8"), FileEntry("d/" + raw, "bytes")})),
+            VESKARCHIVE_OK)
+      << last_detail;
+  EXPECT_EQ(ReadFile(target + "/" + utf8), "utf-8");
+  EXPECT_EQ(ReadFile(target + "/d/" + raw), "bytes");
+}
+
 TEST_F(ArchiveTest, ReadsPlainGzipXzAndZstdTarballs) {
   const std::vector<std::pair<Compression, std::string>> kinds{{Compression::kNone, "plain"},
                                                                {Compression::kGzip, "gzip"},
