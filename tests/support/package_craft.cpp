@@ -1,0 +1,144 @@
+#include "package_craft.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <stdexcept>
+
+#include "signing.h"
+#include "test_support.h"
+#include "vesk_internal/archive_ptr.h"
+
+extern char** environ;
+
+namespace vesk::test {
+
+CraftEntry FileEntry(const std::string& name, const std::string& content) {
+  return {CraftEntry::kFile, name, content, "", 0};
+}
+CraftEntry DirEntry(const std::string& name) {
+  return {CraftEntry::kDir, name, "", "", 0};
+}
+CraftEntry SymlinkEntry(const std::string& name, const std::string& target) {
+  return {CraftEntry::kSymlink, name, "", target, 0};
+}
+CraftEntry HardlinkEntry(const std::string& name, const std::string& original) {
+  return {CraftEntry::kHardlink, name, "", original, 0};
+}
+CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind) {
+  return {kind, name, "", "", 0};
+}
+
+void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
+                  Compression compression) {
+  ArchiveWritePtr a(archive_write_new());
+  archive_write_set_format_pax_restricted(a.get());
+  switch (compression) {
+    case Compression::kNone:
+      break;
+    case Compression::kGzip:
+      archive_write_add_filter_gzip(a.get());
+      break;
+    case Compression::kXz:
+      archive_write_add_filter_xz(a.get());
+      break;
+    case Compression::kZstd:
+      archive_write_add_filter_zstd(a.get());
+      break;
+  }
+  if (archive_write_open_filename(a.get(), path.c_str()) != ARCHIVE_OK)
+    throw std::runtime_error("cannot write " + path);
+  for (const auto& e : entries) {
+    ArchiveEntryPtr entry(archive_entry_new());
+    archive_entry_set_pathname(entry.get(), e.name.c_str());
+    archive_entry_set_perm(entry.get(), 0644);
+    archive_entry_set_mtime(entry.get(), 1000000000, 0);
+    archive_entry_set_uid(entry.get(), 4321);  // nobody's: extraction must not restore it
+    archive_entry_set_gid(entry.get(), 4321);
+    switch (e.kind) {
+      case CraftEntry::kFile:
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(e.content.size()));
+        break;
+      case CraftEntry::kDir:
+        archive_entry_set_filetype(entry.get(), AE_IFDIR);
+        archive_entry_set_perm(entry.get(), 0755);
+        break;
+      case CraftEntry::kSymlink:
+        archive_entry_set_filetype(entry.get(), AE_IFLNK);
+        archive_entry_set_symlink(entry.get(), e.link.c_str());
+        break;
+      case CraftEntry::kHardlink:
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_hardlink(entry.get(), e.link.c_str());
+        break;
+      case CraftEntry::kCharDevice:
+        archive_entry_set_filetype(entry.get(), AE_IFCHR);
+        archive_entry_set_rdev(entry.get(), makedev(1, 3));  // what /dev/null is
+        break;
+      case CraftEntry::kBlockDevice:
+        archive_entry_set_filetype(entry.get(), AE_IFBLK);
+        archive_entry_set_rdev(entry.get(), makedev(7, 0));
+        break;
+      case CraftEntry::kFifo:
+        archive_entry_set_filetype(entry.get(), AE_IFIFO);
+        break;
+    }
+    if (e.mode != 0)
+      archive_entry_set_perm(entry.get(), static_cast<mode_t>(e.mode));
+    if (archive_write_header(a.get(), entry.get()) < ARCHIVE_WARN)
+      throw std::runtime_error(std::string("cannot add ") + e.name + ": " +
+                               archive_error_string(a.get()));
+    if (!e.content.empty())
+      archive_write_data(a.get(), e.content.data(), e.content.size());
+  }
+  if (archive_write_close(a.get()) != ARCHIVE_OK)
+    throw std::runtime_error("cannot finish " + path);
+}
+
+void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::string& name) {
+  WriteFile(root + "/usr/vesk/etc/keys/" + std::to_string(key_type) + "/" + name + ".pem",
+            publish::PublicKeyPem(key));
+}
+
+std::vector<std::string> ListTree(const std::string& dir) {
+  namespace fs = boost::filesystem;
+  std::vector<std::string> found;
+  for (fs::recursive_directory_iterator it(dir), end; it != end; ++it)
+    found.push_back(it->path().lexically_relative(dir).generic_string());
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+CommandResult RunCommand(const std::vector<std::string>& argv) {
+  TempDir io;
+  const std::string out = io / "out", err = io / "err";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  std::vector<char*> args;
+  for (const auto& a : argv)
+    args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = -1;
+  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0)
+    throw std::runtime_error("cannot run " + argv[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  CommandResult result;
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.out = ReadFile(out);
+  result.err = ReadFile(err);
+  return result;
+}
+
+}  // namespace vesk::test

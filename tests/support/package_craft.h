@@ -1,0 +1,58 @@
+// Crafting packages for tests: tar archives with any entry a hostile publisher
+// could write (libarchive's writer), signed with the publisher's own signing code,
+// and a sandbox of trusted keys below VESKDBUD_ROOT.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vesk/archive.h"
+#include "vesk_internal/ossl_ptr.h"
+
+namespace vesk::test {
+
+enum class Compression { kNone, kGzip, kXz, kZstd };
+
+struct CraftEntry {
+  enum Kind { kFile, kDir, kSymlink, kHardlink, kCharDevice, kBlockDevice, kFifo };
+  Kind kind = kFile;
+  std::string name;
+  std::string content;  // kFile
+  std::string link;     // kSymlink target or kHardlink original
+  int mode = 0;         // permission bits; 0: 0644 (0755 for directories)
+};
+
+CraftEntry FileEntry(const std::string& name, const std::string& content);
+CraftEntry DirEntry(const std::string& name);
+CraftEntry SymlinkEntry(const std::string& name, const std::string& target);
+CraftEntry HardlinkEntry(const std::string& name, const std::string& original);
+CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind);
+
+void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
+                  Compression compression = Compression::kZstd);
+
+// Trusts `key` for `key_type`: writes its public PEM as
+// <root>/usr/vesk/etc/keys/<key_type>/<name>.pem.
+void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::string& name);
+
+// Every path below `dir` (relative, sorted), links not followed.
+std::vector<std::string> ListTree(const std::string& dir);
+
+// A finished process: exit status (-1 when killed) and what it printed.
+struct CommandResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs `argv` (argv[0] searched in PATH) with stdin from /dev/null and waits.
+CommandResult RunCommand(const std::vector<std::string>& argv);
+
+// Owner of a handle for the duration of a test.
+struct ArchiveFree {
+  void operator()(veskarchive* h) const { veskarchive_free(h); }
+};
+using ArchivePtr = std::unique_ptr<veskarchive, ArchiveFree>;
+
+}  // namespace vesk::test

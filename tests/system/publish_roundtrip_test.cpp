@@ -1,0 +1,385 @@
+// veskdbud-publish end to end: a SQLite database and a tree of flat files over
+// three versions, published with the real tools, served over HTTP, downloaded
+// with wget, opened and extracted through veskarchive_*, and the diff chain
+// applied by hand with veskdbudvcdiff and the sqlite3 CLI.
+#include <sys/time.h>
+
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+#include <set>
+
+#include "dataupdate/io_utils.h"
+#include "dataupdate/records.h"
+#include "package_craft.h"
+#include "test_support.h"
+#include "vesk/archive.h"
+#include "vesk_internal/envelope.h"
+
+using namespace vesk::test;
+using vesk::dataupdate::DiffInfo;
+using vesk::dataupdate::IOUtils;
+using vesk::dataupdate::RemoteInfo;
+namespace fs = boost::filesystem;
+
+namespace {
+
+const std::string kPublish = VESKDBUD_PUBLISH_BIN;
+const std::string kVcdiff = VESKDBUD_VCDIFF_BIN;
+
+void SetMtime(const std::string& path, long seconds) {
+  struct timeval times[2] = {{seconds, 0}, {seconds, 0}};
+  ASSERT_EQ(utimes(path.c_str(), times), 0) << path;
+}
+
+void Sql(const std::string& db, const std::string& sql) {
+  const CommandResult r = RunCommand({"sqlite3", "-bail", db, sql});
+  ASSERT_EQ(r.status, 0) << r.err;
+}
+
+bool IsSqlite(const std::string& path) {
+  return ReadFile(path).compare(0, 16, std::string("SQLite format 3\0", 16)) == 0;
+}
+
+// Regular files below `dir`, relative and sorted.
+std::vector<std::string> Files(const std::string& dir) {
+  std::vector<std::string> files;
+  for (const auto& name : ListTree(dir)) {
+    if (fs::is_regular_file(fs::symlink_status(dir + "/" + name)))
+      files.push_back(name);
+  }
+  return files;
+}
+
+std::string Pseudorandom(size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  for (size_t i = 0; i < size; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    s[i] = static_cast<char>(seed >> 16);
+  }
+  return s;
+}
+
+}  // namespace
+
+class PublishRoundTripTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MakeSource();
+    const CommandResult k = RunCommand({kPublish, "keygen", "--out", keys});
+    ASSERT_EQ(k.status, 0) << k.err;
+    ASSERT_EQ(k.out.rfind("key id ", 0), 0u);
+    key_id = k.out.substr(7, 64);
+    WriteFile(root / "usr/vesk/etc/keys/6/vendor.pem", ReadFile(keys + "/public.pem"));
+  }
+
+  // geo: an SQLite database (with a text file beside it); docs: flat files in
+  // nested directories, one created then deleted, one changed in two versions.
+  void MakeSource() {
+    const std::string geo1 = src + "/geo/1", geo2 = src + "/geo/2", geo3 = src + "/geo/3";
+    fs::create_directories(geo1);
+    Sql(geo1 + "/geo.db",
+        "CREATE TABLE places(id INTEGER PRIMARY KEY, name TEXT NOT NULL, note TEXT, shape BLOB);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+        "INSERT INTO places SELECT i, 'place ' || i, 'note ' || i, randomblob(40) FROM n;");
+    WriteFile(geo1 + "/README.txt", "places of the world\n");
+    fs::create_directories(geo2);
+    fs::copy_file(geo1 + "/geo.db", geo2 + "/geo.db");
+    fs::copy_file(geo1 + "/README.txt", geo2 + "/README.txt");
+    Sql(geo2 + "/geo.db",
+        "UPDATE places SET note = 'renamed' || char(10) || 'over two lines' WHERE id % 50 = 0;"
+        "INSERT INTO places VALUES (5000, 'new place', 'it''s new', x'00ff00');"
+        "DELETE FROM places WHERE id BETWEEN 100 AND 120;");
+    fs::create_directories(geo3);
+    fs::copy_file(geo2 + "/geo.db", geo3 + "/geo.db");
+    WriteFile(geo3 + "/README.txt", "places of the world, third edition\n");
+    Sql(geo3 + "/geo.db",
+        "CREATE INDEX places_name ON places(name);"
+        "UPDATE places SET shape = NULL, note = 'a' || char(13) || char(10) || 'b' "
+        "WHERE id % 70 = 0;");
+
+    const std::string text = Pseudorandom(30000, 1);
+    const std::string blob = Pseudorandom(60000, 2);
+    const std::string docs1 = src + "/docs/1", docs2 = src + "/docs/2", docs3 = src + "/docs/3";
+    WriteFile(docs1 + "/a.txt", text);
+    WriteFile(docs1 + "/dir/sub/b.bin", blob);
+    WriteFile(docs1 + "/dir/sub/deeper/c.txt", "deep and unchanged\n");
+    WriteFile(docs2 + "/a.txt", text);
+    WriteFile(docs2 + "/dir/sub/b.bin", blob.substr(0, 30000) + "second" + blob.substr(30000));
+    WriteFile(docs2 + "/dir/sub/deeper/c.txt", "deep and unchanged\n");
+    WriteFile(docs2 + "/dir/tmp.txt", "here for one version\n");
+    WriteFile(docs3 + "/a.txt", text.substr(0, 10000) + "third" + text.substr(10000));
+    WriteFile(docs3 + "/dir/sub/b.bin", ReadFile(docs2 + "/dir/sub/b.bin") + "third");
+    WriteFile(docs3 + "/dir/sub/deeper/c.txt", "deep and unchanged\n");
+    WriteFile(docs3 + "/x/y/z.txt", "new and nested\n");
+
+    for (const std::string id : {"geo", "docs"}) {
+      for (const auto& name : ListTree(src + "/" + id))
+        SetMtime(src + "/" + id + "/" + name, id == std::string("geo") ? 1600000100 : 1600000200);
+    }
+  }
+
+  CommandResult Publish(const std::string& out, const std::string& base_url,
+                        const std::vector<std::string>& extra = {}, const std::string& source = "",
+                        const std::string& db_ver = "v1") {
+    std::vector<std::string> args{
+        kPublish,     "publish", "--source", source.empty() ? src : source,
+        "--out",      out,       "--key",    keys + "/private.pem",
+        "--base-url", base_url,  "--db-ver", db_ver};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return RunCommand(args);
+  }
+
+  Json::Value Document(const std::string& repo_dir, const std::string& db_ver = "v1") {
+    return io.ReadJson(repo_dir + "/database_info/" + db_ver);
+  }
+
+  void Extract(const std::string& package, const std::string& dir) {
+    fs::create_directories(dir);
+    ArchivePtr h(veskarchive_init(dir.c_str()));
+    ASSERT_TRUE(h);
+    ASSERT_NE(veskarchive_open_with_keytype(h.get(), package.c_str(), 6), 0)
+        << veskarchive_error_detail(h.get());
+    ASSERT_NE(veskarchive_extract_multiple(h.get(), nullptr, VESKARCHIVE_EXTRACT_OVERWRITE), 0)
+        << veskarchive_error_detail(h.get());
+  }
+
+  // Same files with the same bytes, except that SQLite databases built by
+  // applying statements need only the same content (page layout may differ).
+  void ExpectSameContent(const std::string& got, const std::string& want, bool sqlite_by_content) {
+    ASSERT_EQ(Files(got), Files(want));
+    for (const auto& name : Files(want)) {
+      const std::string g = got + "/" + name, w = want + "/" + name;
+      if (sqlite_by_content && IsSqlite(w)) {
+        EXPECT_EQ(RunCommand({"sqlite3", g, ".dump"}).out, RunCommand({"sqlite3", w, ".dump"}).out)
+            << name;
+        EXPECT_EQ(RunCommand({"sqldiff", g, w}).out, "") << name;
+      } else {
+        EXPECT_EQ(ReadFile(g), ReadFile(w)) << name;
+      }
+    }
+  }
+
+  // Applies one extracted diff package to `installed` as the engine would.
+  void ApplyDiff(const std::string& installed, const std::string& delta, const std::string& id,
+                 std::set<std::string>* kinds) {
+    const Json::Value patch = io.ReadJson(delta + "/patch_infos.json");
+    const std::vector<std::string> names = patch.getMemberNames();
+    ASSERT_TRUE(std::is_sorted(names.begin(), names.end()));
+    for (const auto& name : names) {
+      ASSERT_EQ(name[0], '/') << name;
+      const std::string path = installed + name;  // plain concatenation
+      const std::string op = patch[name]["operation"].asString();
+      const std::string input = delta + "/" + patch[name]["input_file"].asString();
+      ASSERT_TRUE(patch[name]["input_file"].isString());
+      if (op == "create") {
+        fs::create_directories(fs::path(path).parent_path());
+        fs::copy_file(input, path, fs::copy_options::overwrite_existing);
+        kinds->insert(id + ":create");
+      } else if (op == "delete") {
+        ASSERT_TRUE(fs::remove(path)) << path;
+        kinds->insert(id + ":delete");
+      } else if (op == "update" && fs::path(input).extension() == ".vcdiff") {
+        const CommandResult r = RunCommand({kVcdiff, "decode", path, path + ".patchout", input});
+        ASSERT_EQ(r.status, 0) << r.err;
+        fs::rename(path + ".patchout", path);
+        kinds->insert(id + ":vcdiff");
+      } else if (op == "update" && fs::path(input).extension() == ".sqlitediff") {
+        const std::string script = delta + "/apply.sql";
+        WriteFile(script, "BEGIN;\n" + ReadFile(input) + "COMMIT;\n");
+        const CommandResult r = RunCommand({"sqlite3", "-bail", path, ".read " + script});
+        ASSERT_EQ(r.status, 0) << r.err;
+        kinds->insert(id + ":sqlitediff");
+      } else {
+        FAIL() << "unexpected " << op << " of " << name << " with " << input;
+      }
+    }
+  }
+
+  TempDir root;
+  ScopedEnv env{"VESKDBUD_ROOT", root.path().c_str()};
+  TempDir work;
+  std::string src = work / "src";
+  std::string keys = work / "keys";
+  std::string repo = work / "repo";
+  std::string key_id;
+  IOUtils io;
+};
+
+TEST_F(PublishRoundTripTest, ServedRepositoryDownloadsWithWgetAndExtractsToTheSource) {
+  fs::create_directories(repo);
+  HttpServer server(repo);
+  const CommandResult r = Publish(repo, server.url("/"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  const Json::Value doc = Document(repo);
+  ASSERT_EQ(doc["db_list"].getMemberNames(), (std::vector<std::string>{"docs", "geo"}));
+
+  for (const std::string id : {"docs", "geo"}) {
+    const RemoteInfo remote = RemoteInfo::FromJson(doc["db_list"][id]);
+    EXPECT_EQ(remote.data_version, 3);
+    EXPECT_FALSE(remote.deprecated);
+    EXPECT_EQ(remote.last_fetch_time, id == "geo" ? 1600000100 : 1600000200);
+    EXPECT_EQ(remote.download_link, server.url("/" + id + "/v3/full.pkg"));
+    for (int v = 1; v <= 3; ++v) {
+      const std::string pkg = work / (id + "-full-" + std::to_string(v));
+      io.Download(pkg, server.url("/" + id + "/v" + std::to_string(v) + "/full.pkg"));
+      const std::string dir = work / ("full-" + id + std::to_string(v));
+      Extract(pkg, dir);
+      ExpectSameContent(dir, src + "/" + id + "/" + std::to_string(v), false);
+      // The envelope names the key that keygen printed.
+      const std::string bytes = ReadFile(pkg);
+      const std::string id_bytes = bytes.substr(
+          bytes.size() - vesk::envelope::kTrailerSize + vesk::envelope::kKeyIdOffset, 32);
+      std::string hex;
+      for (unsigned char c : id_bytes)
+        hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
+      EXPECT_EQ(hex, key_id);
+    }
+    const std::map<int, DiffInfo> diffs = DiffInfo::BatchFromJson(doc["db_list"][id]["diff_files"]);
+    ASSERT_EQ(diffs.size(), 2u) << id;
+    for (const auto& [version, diff] : diffs) {
+      const std::string rel = "/" + id + "/v" + std::to_string(version) + "/diff.pkg";
+      EXPECT_EQ(diff.download_link, server.url(rel));
+      EXPECT_EQ(static_cast<std::uint64_t>(diff.file_size), fs::file_size(repo + rel));
+    }
+  }
+  const auto requests = server.Requests();
+  EXPECT_EQ(std::count(requests.begin(), requests.end(), "GET /docs/v1/full.pkg"), 1);
+}
+
+TEST_F(PublishRoundTripTest, DiffChainAppliedByHandReproducesEveryVersion) {
+  fs::create_directories(repo);
+  HttpServer server(repo);
+  const CommandResult r = Publish(repo, server.url("/"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  const Json::Value doc = Document(repo);
+  std::set<std::string> kinds;
+  for (const std::string id : {"docs", "geo"}) {
+    const std::string installed = work / ("installed-" + id);
+    io.Download(work / "v1.pkg", server.url("/" + id + "/v1/full.pkg"));
+    Extract(work / "v1.pkg", installed);
+    const auto diffs = DiffInfo::BatchFromJson(doc["db_list"][id]["diff_files"]);
+    for (int v = 2; v <= 3; ++v) {
+      const std::string pkg = work / (id + "-d" + std::to_string(v));
+      io.Download(pkg, diffs.at(v).download_link);
+      const std::string delta = work / (id + "-delta-" + std::to_string(v));
+      Extract(pkg, delta);
+      if (id == "docs") {  // changed in two consecutive versions: an update each time
+        const Json::Value patch = io.ReadJson(delta + "/patch_infos.json");
+        EXPECT_EQ(patch["/dir/sub/b.bin"]["operation"].asString(), "update") << v;
+      }
+      ApplyDiff(installed, delta, id, &kinds);
+      ExpectSameContent(installed, src + "/" + id + "/" + std::to_string(v), true);
+    }
+  }
+  EXPECT_EQ(kinds, (std::set<std::string>{"docs:create", "docs:delete", "docs:vcdiff",
+                                          "geo:sqlitediff", "geo:create"}));
+}
+
+TEST_F(PublishRoundTripTest, PublishingTwiceGivesIdenticalBytes) {
+  ASSERT_EQ(Publish(repo, "http://packages.example/db").status, 0);
+  const std::string again = work / "again";
+  ASSERT_EQ(Publish(again, "http://packages.example/db").status, 0);
+  const std::vector<std::string> files = Files(repo);
+  EXPECT_EQ(files.size(), 11u);  // the document, 6 full and 4 diff packages
+  ASSERT_EQ(files, Files(again));
+  for (const auto& name : files)
+    EXPECT_EQ(ReadFile(repo + "/" + name), ReadFile(again + "/" + name)) << name;
+}
+
+TEST_F(PublishRoundTripTest, WarnsWhenLinkDigitsCouldCollideWithAVersion) {
+  const CommandResult clash = Publish(repo, "http://127.0.0.1:8080/x");
+  ASSERT_EQ(clash.status, 0) << clash.err;
+  EXPECT_NE(clash.err.find("warning: the base URL http://127.0.0.1:8080/x contains 1, the digits "
+                           "of version 1 of docs; a forced install rewrites every occurrence\n"),
+            std::string::npos)
+      << clash.err;
+  EXPECT_EQ(clash.err.find("contains 3,"), std::string::npos) << clash.err;
+
+  const CommandResult clean = Publish(work / "clean", "http://packages.example/db/");
+  ASSERT_EQ(clean.status, 0);
+  EXPECT_EQ(clean.err, "");
+  EXPECT_EQ(Document(work / "clean")["db_list"]["geo"]["download_link"].asString(),
+            "http://packages.example/db/geo/v3/full.pkg");
+
+  const std::string other = work / "other-src";
+  WriteFile(other + "/db2/1/f", "one");
+  WriteFile(other + "/db2/2/f", "two");
+  const CommandResult id_clash =
+      Publish(work / "other", "http://packages.example/db",
+              {"--link", "db2=http://mirror.example/v2/db-2.pkg"}, other);
+  ASSERT_EQ(id_clash.status, 0) << id_clash.err;
+  EXPECT_NE(
+      id_clash.err.find("warning: the database id db2 contains 2, the digits of its version 2"),
+      std::string::npos)
+      << id_clash.err;
+  EXPECT_NE(id_clash.err.find("warning: the announced link http://mirror.example/v2/db-2.pkg of "
+                              "db2 holds 2 2 times; a forced install needs it exactly once"),
+            std::string::npos)
+      << id_clash.err;
+}
+
+TEST_F(PublishRoundTripTest, OptionsShapeTheDocument) {
+  const CommandResult ok =
+      Publish(repo, "http://packages.example",
+              {"--deprecated", "geo", "--link", "docs=http://mirror.example/docs/v3.pkg", "--time",
+               "1234567", "--max-diff-ratio", "0"},
+              src, "2.0");
+  ASSERT_EQ(ok.status, 0) << ok.err;
+  const Json::Value doc = Document(repo, "2.0");
+  const RemoteInfo geo = RemoteInfo::FromJson(doc["db_list"]["geo"]);
+  const RemoteInfo docs = RemoteInfo::FromJson(doc["db_list"]["docs"]);
+  EXPECT_TRUE(geo.deprecated);
+  EXPECT_FALSE(docs.deprecated);
+  EXPECT_EQ(docs.download_link, "http://mirror.example/docs/v3.pkg");
+  EXPECT_EQ(geo.download_link, "http://packages.example/geo/v3/full.pkg");
+  EXPECT_EQ(geo.last_fetch_time, 1234567);
+  EXPECT_EQ(docs.last_fetch_time, 1234567);
+  EXPECT_TRUE(DiffInfo::BatchFromJson(doc["db_list"]["geo"]["diff_files"]).empty());
+  EXPECT_TRUE(doc["db_list"]["docs"]["diff_files"].isObject());
+  EXPECT_TRUE(DiffInfo::BatchFromJson(doc["db_list"]["docs"]["diff_files"]).empty());
+  EXPECT_TRUE(fs::exists(repo + "/docs/v3/diff.pkg"));  // written, just not announced
+  EXPECT_NE(ok.out.find("diff  docs v3"), std::string::npos);
+  EXPECT_NE(ok.out.find("(not announced: more than 0% of the full package)"), std::string::npos);
+}
+
+TEST_F(PublishRoundTripTest, CommandLineMistakesAreReported) {
+  CommandResult r = RunCommand({kPublish});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("veskdbud-publish: no command given\nUsage:", 0), 0u) << r.err;
+
+  r = RunCommand({kPublish, "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("veskdbud-publish publish --source SRC"), std::string::npos);
+
+  r = RunCommand({kPublish, "publish", "--out", repo});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("veskdbud-publish: --source is required\n", 0), 0u) << r.err;
+
+  r = Publish(repo, "http://p.example", {"--colour", "blue"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("veskdbud-publish: unknown option --colour\n", 0), 0u) << r.err;
+
+  r = Publish(repo, "http://p.example", {"--max-diff-ratio", "-1"});
+  EXPECT_EQ(r.status, 2);
+
+  r = Publish(repo, "http://p.example", {"--db-ver", "v2"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("veskdbud-publish: --db-ver given more than once\n", 0), 0u) << r.err;
+
+  r = Publish(repo, "http://p.example", {"--deprecated", "nosuch"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "veskdbud-publish: --deprecated names an unknown database: nosuch\n");
+
+  WriteFile(work / "not-a-key.pem", "nothing");
+  r = RunCommand({kPublish, "publish", "--source", src, "--out", repo, "--key",
+                  work / "not-a-key.pem", "--base-url", "http://p.example", "--db-ver", "v1"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err,
+            "veskdbud-publish: " + work / "not-a-key.pem" + " holds no Ed25519 private key\n");
+
+  r = RunCommand({kPublish, "keygen", "--out", keys});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("cannot create " + keys + "/private.pem: File exists"), std::string::npos);
+  EXPECT_FALSE(fs::exists(repo + "/database_info"));
+}

@@ -1,0 +1,113 @@
+// veskdbudvcdiff run as the update engine runs it: decode SOURCE OUTPUT DELTA.
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+
+#include "file_delta.h"
+#include "package_craft.h"
+#include "test_support.h"
+
+using namespace vesk::test;
+
+namespace {
+
+const std::string kTool = VESKDBUD_VCDIFF_BIN;
+
+std::string Pseudorandom(size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  for (size_t i = 0; i < size; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    s[i] = static_cast<char>(seed >> 16);
+  }
+  return s;
+}
+
+}  // namespace
+
+class VcdiffToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string base = Pseudorandom(300000, 7);
+    WriteFile(source, base);
+    WriteFile(wanted, base.substr(0, 100000) + "inserted text\n" + base.substr(120000) +
+                          Pseudorandom(5000, 9));
+    vesk::publish::MakeVcdiff(source, wanted, delta);
+  }
+
+  TempDir dir;
+  std::string source = dir / "source";
+  std::string wanted = dir / "wanted";
+  std::string delta = dir / "delta.vcdiff";
+  std::string output = dir / "out/result";
+};
+
+TEST_F(VcdiffToolTest, DecodesAStandardDeltaIntoOutput) {
+  boost::filesystem::create_directories(dir / "out");
+  const CommandResult r = RunCommand({kTool, "decode", source, output, delta});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(ReadFile(output), ReadFile(wanted));
+  EXPECT_LT(ReadFile(delta).size(), 20000u);  // a real delta, not a copy
+  EXPECT_EQ(ListTree(dir / "out"), std::vector<std::string>{"result"});
+}
+
+TEST_F(VcdiffToolTest, ReplacesAnExistingOutputWhole) {
+  WriteFile(output, std::string(1000000, 'z'));
+  ASSERT_EQ(RunCommand({kTool, "decode", source, output, delta}).status, 0);
+  EXPECT_EQ(ReadFile(output), ReadFile(wanted));
+}
+
+TEST_F(VcdiffToolTest, DecodesDeltasBetweenGzipFilesByteForByte) {
+  ASSERT_EQ(std::system(("gzip -n -c " + source + " > " + dir / "old.gz").c_str()), 0);
+  ASSERT_EQ(std::system(("gzip -n -c " + wanted + " > " + dir / "new.gz").c_str()), 0);
+  vesk::publish::MakeVcdiff(dir / "old.gz", dir / "new.gz", dir / "gz.vcdiff");
+  ASSERT_EQ(RunCommand({kTool, "decode", dir / "old.gz", dir / "got.gz", dir / "gz.vcdiff"}).status,
+            0);
+  EXPECT_EQ(ReadFile(dir / "got.gz"), ReadFile(dir / "new.gz"));
+}
+
+TEST_F(VcdiffToolTest, WrongSourceFailsAndLeavesNoOutput) {
+  WriteFile(dir / "other", Pseudorandom(300000, 8));
+  boost::filesystem::create_directories(dir / "out");
+  const CommandResult r = RunCommand({kTool, "decode", dir / "other", output, delta});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("veskdbudvcdiff: decoding " + delta), std::string::npos) << r.err;
+  EXPECT_TRUE(ListTree(dir / "out").empty());
+}
+
+TEST_F(VcdiffToolTest, CorruptDeltaFails) {
+  WriteFile(dir / "bad.vcdiff", "\xd6\xc3\xc4\x00garbage that is no delta");
+  boost::filesystem::create_directories(dir / "out");
+  EXPECT_EQ(RunCommand({kTool, "decode", source, output, dir / "bad.vcdiff"}).status, 1);
+  EXPECT_FALSE(Exists(output));
+}
+
+TEST_F(VcdiffToolTest, MissingFilesAreNamed) {
+  boost::filesystem::create_directories(dir / "out");
+  CommandResult r = RunCommand({kTool, "decode", dir / "nope", output, delta});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "veskdbudvcdiff: cannot read source file " + dir / "nope" +
+                       ": No such file or directory\n");
+  r = RunCommand({kTool, "decode", source, output, dir / "nodelta"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "veskdbudvcdiff: cannot read delta file " + dir / "nodelta" +
+                       ": No such file or directory\n");
+  r = RunCommand({kTool, "decode", source, dir / "no-dir/result", delta});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("cannot create output next to " + dir / "no-dir/result"), std::string::npos);
+}
+
+TEST_F(VcdiffToolTest, UsageErrorsExitWithTwo) {
+  for (const auto& args :
+       std::vector<std::vector<std::string>>{{kTool},
+                                             {kTool, "encode", source, output, delta},
+                                             {kTool, "decode", source, output},
+                                             {kTool, "decode", source, output, delta, "extra"}}) {
+    const CommandResult r = RunCommand(args);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err.rfind("veskdbudvcdiff: expected: decode SOURCE OUTPUT DELTA\n", 0), 0u)
+        << r.err;
+  }
+  const CommandResult help = RunCommand({kTool, "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.out.rfind("Usage: veskdbudvcdiff decode SOURCE OUTPUT DELTA\n", 0), 0u);
+}

@@ -1,0 +1,187 @@
+// How the publisher carries one changed file: SQLite statements, a VCDIFF delta
+// or the whole file, each checked by applying it the way the engine does.
+#include "file_delta.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+
+#include "file_io.h"
+#include "package_craft.h"
+#include "sqlite_diff.h"
+#include "test_support.h"
+
+using namespace vesk::test;
+using vesk::publish::DiffFile;
+using vesk::publish::MakeSqliteDiff;
+
+namespace {
+
+void Sql(const std::string& db, const std::string& sql) {
+  const CommandResult r = RunCommand({"sqlite3", "-bail", db, sql});
+  ASSERT_EQ(r.status, 0) << r.err;
+}
+
+std::string Dump(const std::string& db) {
+  return RunCommand({"sqlite3", db, ".dump"}).out;
+}
+
+// Applies a statement file to `db` in one transaction with the sqlite3 CLI.
+void ApplyStatements(const std::string& db, const std::string& statements) {
+  const std::string script = db + ".script";
+  WriteFile(script, "BEGIN;\n" + ReadFile(statements) + "COMMIT;\n");
+  const CommandResult r = RunCommand({"sqlite3", "-bail", db, ".read " + script});
+  ASSERT_EQ(r.status, 0) << r.err;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+    lines.push_back(text.substr(start, nl - start));
+  return lines;
+}
+
+}  // namespace
+
+class FileDeltaTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Sql(old_db,
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, name TEXT, note TEXT, data BLOB);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300) "
+        "INSERT INTO t SELECT i, 'name ' || i, 'line one' || char(10) || 'line two ' || i, "
+        "randomblob(64) FROM n;");
+    boost::filesystem::copy_file(old_db, new_db);
+  }
+
+  std::string Scratch(const std::string& name) {
+    const std::string d = dir / name;
+    boost::filesystem::create_directories(d);
+    return d;
+  }
+
+  TempDir dir;
+  std::string old_db = dir / "old.db";
+  std::string new_db = dir / "new.db";
+};
+
+TEST_F(FileDeltaTest, SqliteFilesAreRecognisedByTheirHeader) {
+  EXPECT_TRUE(vesk::publish::IsSqliteFile(old_db));
+  WriteFile(dir / "text", "SQLite format 3 but not really");
+  EXPECT_FALSE(vesk::publish::IsSqliteFile(dir / "text"));
+  WriteFile(dir / "short", "SQLite");
+  EXPECT_FALSE(vesk::publish::IsSqliteFile(dir / "short"));
+}
+
+TEST_F(FileDeltaTest, StatementsBrokenAtNewlinesAreJoinedOnePerLine) {
+  Sql(new_db,
+      "UPDATE t SET note = 'first' || char(10) || 'second' || char(13) || char(10) || 'third' "
+      "WHERE id % 7 = 0;"
+      "INSERT INTO t VALUES (1000, 'new', 'a' || char(10) || char(10) || 'b', NULL);"
+      "DELETE FROM t WHERE id BETWEEN 50 AND 60;");
+  const std::string raw = RunCommand({"sqldiff", old_db, new_db}).out;
+  ASSERT_GT(Lines(raw).size(), 0u);
+
+  const std::string out = dir / "delta.sqlitediff";
+  std::string why;
+  ASSERT_TRUE(MakeSqliteDiff(old_db, new_db, out, Scratch("s"), &why)) << why;
+  const std::vector<std::string> lines = Lines(ReadFile(out));
+  EXPECT_LT(lines.size(), Lines(raw).size()) << "sqldiff split some statements";
+  for (const auto& line : lines) {
+    EXPECT_EQ(line.back(), ';') << line;
+    EXPECT_EQ(line.find('\n'), std::string::npos);
+  }
+
+  const std::string applied = dir / "applied.db";
+  boost::filesystem::copy_file(old_db, applied);
+  ApplyStatements(applied, out);
+  EXPECT_EQ(Dump(applied), Dump(new_db));
+}
+
+TEST_F(FileDeltaTest, SourceDatabasesAreLeftAsTheyAre) {
+  const std::string src = dir / "src";
+  boost::filesystem::create_directories(src);
+  boost::filesystem::copy_file(old_db, src + "/old.db");
+  boost::filesystem::copy_file(new_db, src + "/new.db");
+  Sql(src + "/old.db", "PRAGMA journal_mode = WAL;");
+  Sql(src + "/new.db", "PRAGMA journal_mode = WAL; UPDATE t SET name = 'w' WHERE id = 3;");
+  const std::string old_bytes = ReadFile(src + "/old.db"), new_bytes = ReadFile(src + "/new.db");
+  std::string why;
+  ASSERT_TRUE(
+      MakeSqliteDiff(src + "/old.db", src + "/new.db", dir / "d.sqlitediff", Scratch("s"), &why))
+      << why;
+  EXPECT_EQ(ListTree(src), (std::vector<std::string>{"new.db", "old.db"}));
+  EXPECT_EQ(ReadFile(src + "/old.db"), old_bytes);
+  EXPECT_EQ(ReadFile(src + "/new.db"), new_bytes);
+}
+
+TEST_F(FileDeltaTest, ChangesSqldiffCannotExpressAreRefused) {
+  Sql(new_db, "PRAGMA user_version = 7; UPDATE t SET name = 'x' WHERE id = 1;");
+  std::string why;
+  EXPECT_FALSE(MakeSqliteDiff(old_db, new_db, dir / "d.sqlitediff", Scratch("s"), &why));
+  EXPECT_EQ(why, "the result's schema or header values differ");
+}
+
+TEST_F(FileDeltaTest, ChangedSqliteDatabaseIsAnUpdateBySqliteStatements) {
+  Sql(new_db, "UPDATE t SET name = 'renamed' WHERE id < 20;");
+  auto entry = DiffFile("db/geo.db", old_db, new_db, Scratch("s"));
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->operation, "update");
+  EXPECT_EQ(entry->input_name, "sqlitediff/db/geo.db.sqlitediff");
+  EXPECT_EQ(entry->note, "");
+  ApplyStatements(old_db, entry->input_path);
+  EXPECT_EQ(Dump(old_db), Dump(new_db));
+}
+
+TEST_F(FileDeltaTest, SqliteChangeBeyondStatementsFallsBackToVcdiff) {
+  Sql(new_db, "PRAGMA user_version = 3;");
+  auto entry = DiffFile("geo.db", old_db, new_db, Scratch("s"));
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->operation, "update");
+  EXPECT_EQ(entry->input_name, "vcdiff/geo.db.vcdiff");
+  EXPECT_EQ(entry->note, "no SQLite diff: the result's schema or header values differ");
+  const CommandResult r = RunCommand({"xdelta3", "-d", "-c", "-s", old_db, entry->input_path});
+  EXPECT_EQ(r.out, ReadFile(new_db));
+}
+
+TEST_F(FileDeltaTest, ChangedFlatFileIsAnUpdateByVcdiff) {
+  std::string text(40000, '.');
+  for (size_t i = 0; i < text.size(); i += 97)
+    text[i] = static_cast<char>('a' + i % 26);
+  WriteFile(dir / "a", text);
+  WriteFile(dir / "b", text.substr(0, 20000) + "changed" + text.substr(20000));
+  auto entry = DiffFile("dir/a.txt", dir / "a", dir / "b", Scratch("s"));
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->operation, "update");
+  EXPECT_EQ(entry->input_name, "vcdiff/dir/a.txt.vcdiff");
+  EXPECT_LT(vesk::publish::FileSize(entry->input_path), 1000u);
+  const CommandResult r = RunCommand({"xdelta3", "-d", "-c", "-s", dir / "a", entry->input_path});
+  EXPECT_EQ(r.out, ReadFile(dir / "b"));
+}
+
+TEST_F(FileDeltaTest, SmallRewrittenFileIsCarriedWhole) {
+  WriteFile(dir / "a", "one");
+  WriteFile(dir / "b", "two");
+  auto entry = DiffFile("x", dir / "a", dir / "b", Scratch("s"));
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->operation, "create");
+  EXPECT_EQ(entry->input_name, "create/x");
+  EXPECT_EQ(entry->input_path, dir / "b");
+  EXPECT_EQ(entry->note, "delta not smaller than the file");
+}
+
+TEST_F(FileDeltaTest, CreatedDeletedAndUnchangedFiles) {
+  WriteFile(dir / "a", "same");
+  WriteFile(dir / "b", "same");
+  EXPECT_FALSE(DiffFile("x", dir / "a", dir / "b", Scratch("s")));
+  auto created = DiffFile("n/x", "", dir / "a", Scratch("s"));
+  ASSERT_TRUE(created);
+  EXPECT_EQ(created->operation, "create");
+  EXPECT_EQ(created->input_name, "create/n/x");
+  auto deleted = DiffFile("n/x", dir / "a", "", Scratch("s"));
+  ASSERT_TRUE(deleted);
+  EXPECT_EQ(deleted->operation, "delete");
+  EXPECT_EQ(deleted->input_name, "");
+  EXPECT_EQ(deleted->input_path, "");
+}

@@ -1,0 +1,40 @@
+// Publishing: from a source tree (source_tree.h) to a static server tree holding
+// the database-info document and every signed full and diff package.
+//
+// Layout below the output directory (links are the base URL joined with these):
+//   database_info/<db-ver>        the database-info document
+//   <id>/v<version>/full.pkg      full package of each version
+//   <id>/v<version>/diff.pkg      diff package from version-1 to version
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace vesk::publish {
+
+struct PublishOptions {
+  std::string source;
+  std::string out;
+  std::string key_path;
+  std::string base_url;
+  std::string db_ver;
+  std::uint32_t key_type = 6;
+  // A diff package larger than this share of the full package is not announced.
+  double max_diff_ratio = 0.5;
+  std::set<std::string> deprecated;
+  std::map<std::string, std::string> links;  // id → announced full-package link
+  std::optional<std::int64_t> time;          // "last_fetch_time" and archive mtimes
+};
+
+std::string FullPackagePath(const std::string& id, int version);
+std::string DiffPackagePath(const std::string& id, int version);
+
+// Publishes everything; one line per package to `log`, warnings to `warn`.
+// Throws PublishError.
+void Publish(const PublishOptions& options, std::ostream& log, std::ostream& warn);
+
+}  // namespace vesk::publish
