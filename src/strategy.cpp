@@ -52,8 +52,12 @@ void FreshDirectory(const IOUtils& io, const std::string& path) {
 BaseStrategy::~BaseStrategy() = default;
 void BaseStrategy::PrepareUpdate() {}
 void BaseStrategy::ApplyUpdate() {}
-std::set<std::string> BaseStrategy::GetModifiedFiles() const { return {}; }
-long long BaseStrategy::GetDeltaSize() const { return 0; }
+std::set<std::string> BaseStrategy::GetModifiedFiles() const {
+  return {};
+}
+long long BaseStrategy::GetDeltaSize() const {
+  return 0;
+}
 
 bool BaseStrategy::_CheckDigest(const std::string& file, const std::string& digest) {
   std::fstream in(file, std::ios::in | std::ios::out);
@@ -76,7 +80,8 @@ bool BaseStrategy::_IsSpaceEnough(const std::string& path, long long delta) {
 
 void BaseStrategy::_ExtractTarballTo(const std::string& package, const std::string& dir) {
   ArchiveHandle handle(veskarchive_init(dir.c_str()));
-  if (!handle) throw UpdateError("Failed to extract package at veskarchive_init");
+  if (!handle)
+    throw UpdateError("Failed to extract package at veskarchive_init");
   if (veskarchive_open_with_keytype(handle.get(), package.c_str(), kPackageKeyType) == 0) {
     throw UpdateError((NoexceptFormat("veskarchive_open %s failed, ret: %d") % package %
                        veskarchive_error(handle.get()))
@@ -149,10 +154,12 @@ void FullStrategy::_CalModifyInfo() {
     io.IterateDirectory(
         extract_path_,
         [&](const std::string& path) {
-          if (!fs::is_regular_file(fs::status(path))) return;
+          if (!fs::is_regular_file(fs::status(path)))
+            return;
           const fs::path file = fs::canonical(path);
           const fs::path relative = file.lexically_relative(base);
-          if (relative.empty() || *relative.begin() == "..") throw UpdateError("path not in base");
+          if (relative.empty() || *relative.begin() == "..")
+            throw UpdateError("path not in base");
           modify_infos_[relative.string()] = ModifyInfo{ModifyInfo::kOverride, path};
         },
         true);
@@ -180,12 +187,14 @@ void FullStrategy::ApplyUpdate() {
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
   }
-  if (not_override) throw UpdateError("operation not set to override");
+  if (not_override)
+    throw UpdateError("operation not set to override");
 }
 
 std::set<std::string> FullStrategy::GetModifiedFiles() const {
   std::set<std::string> files;
-  for (const auto& entry : modify_infos_) files.insert(entry.first);
+  for (const auto& entry : modify_infos_)
+    files.insert(entry.first);
   return files;
 }
 
@@ -240,16 +249,19 @@ DiffStrategy::~DiffStrategy() {
 bool DiffStrategy::_IsDiffUpdateAvailable() {
   const int local = status_.data_version;
   const int remote = remote_.data_version;
-  if (local >= remote || diffs_.empty()) return false;
+  if (local >= remote || diffs_.empty())
+    return false;
   for (long long v = static_cast<long long>(local) + 1; v <= remote; ++v) {
-    if (diffs_.count(static_cast<int>(v)) == 0) return false;
+    if (diffs_.count(static_cast<int>(v)) == 0)
+      return false;
   }
   return true;
 }
 
 void DiffStrategy::PrepareUpdate() {
   IOUtils io;
-  if (!_IsDiffUpdateAvailable()) throw UpdateError("No sufficient diff patched");
+  if (!_IsDiffUpdateAvailable())
+    throw UpdateError("No sufficient diff patched");
   sum_dir_ = (NoexceptFormat("%s/@tmp/data_update/%s_sum") % volume_ % id_).str();
   FreshDirectory(io, sum_dir_);
   for (long long v = static_cast<long long>(status_.data_version) + 1; v <= remote_.data_version;
@@ -296,10 +308,15 @@ void DiffStrategy::_PatchFile(const std::string& file_name, const std::string& o
     io.CopyFile(input_path, sum_path);
     modify_infos_[file_name] = ModifyInfo{ModifyInfo::kOverride, sum_path};
   } else if (operation == "update") {
+    // Boost reports "not found" through the error code too: only a status that
+    // could not be determined at all is a failure.
     boost::system::error_code ec;
-    const bool exists = fs::exists(sum_path, ec);
-    if (ec) throw UpdateError("Fail to get exists info from " + sum_path);
-    if (!exists) io.CopyFile(installed_path, sum_path);
+    const fs::file_status status = fs::status(sum_path, ec);
+    if (status.type() == fs::status_error) {
+      throw UpdateError("Fail to get exists info from " + sum_path);
+    }
+    if (status.type() == fs::file_not_found)
+      io.CopyFile(installed_path, sum_path);
 
     const std::string extension = fs::path(input_path).extension().string();
     if (extension == ".vcdiff") {
@@ -327,7 +344,8 @@ void DiffStrategy::_DoVcPatch(const std::string& target, const std::string& delt
     throw UpdateError("Fail to apply vcdiff on " + target);
   }
   io.CopyFile(output, target);
-  if (::unlink(output.c_str()) != 0) throw UpdateError("Failt to delete " + output);
+  if (::unlink(output.c_str()) != 0)
+    throw UpdateError("Failt to delete " + output);
 }
 
 void DiffStrategy::_DoSqlitePatch(const std::string& database_file, const std::string& diff_file) {
@@ -336,9 +354,11 @@ void DiffStrategy::_DoSqlitePatch(const std::string& database_file, const std::s
     SQLite::Transaction transaction(db);
     std::ifstream in(diff_file);
     // A missing input would otherwise commit an empty change as success.
-    if (!in.is_open()) throw std::runtime_error("cannot open " + diff_file);
+    if (!in.is_open())
+      throw std::runtime_error("cannot open " + diff_file);
     std::string line;
-    while (std::getline(in, line)) db.exec(line);
+    while (std::getline(in, line))
+      db.exec(line);
     transaction.commit();
   } catch (const std::exception& e) {
     throw UpdateError((NoexceptFormat("Fail apply sql cmd: %s") % e.what()).str());
@@ -351,7 +371,8 @@ long long DiffStrategy::GetDeltaSize() const {
   for (const auto& [name, info] : modify_infos_) {
     // The key is tested as it stands, not joined with the install prefix.
     boost::system::error_code ec;
-    if (fs::exists(name, ec)) delta += static_cast<long long>(io.GetSize(name));
+    if (fs::exists(name, ec))
+      delta += static_cast<long long>(io.GetSize(name));
     delta -= static_cast<long long>(io.GetSize(info.path));
   }
   return delta;
@@ -362,10 +383,12 @@ void DiffStrategy::ApplyUpdate() {
     FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
     for (const auto& entry : modify_infos_) {
       const fs::path installed = fs::path(install_prefix_) / entry.first;
-      if (fs::exists(fs::symlink_status(installed))) fs::remove(installed);
+      if (fs::exists(fs::symlink_status(installed)))
+        fs::remove(installed);
     }
     for (const auto& [name, info] : modify_infos_) {
-      if (info.operation != ModifyInfo::kOverride) continue;
+      if (info.operation != ModifyInfo::kOverride)
+        continue;
       const fs::path installed = fs::path(install_prefix_) / name;
       fs::create_directories(installed.parent_path());
       fs::copy_file(info.path, installed, fs::copy_options::none);
@@ -377,15 +400,15 @@ void DiffStrategy::ApplyUpdate() {
 
 std::set<std::string> DiffStrategy::GetModifiedFiles() const {
   std::set<std::string> files;
-  for (const auto& entry : modify_infos_) files.insert(entry.first);
+  for (const auto& entry : modify_infos_)
+    files.insert(entry.first);
   return files;
 }
 
 // ---------------------------------------------------------- ForceInstallByLink
 
 ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string& download_link,
-                                       const std::string& volume,
-                                       const std::string& install_prefix,
+                                       const std::string& volume, const std::string& install_prefix,
                                        const std::string& root_directory)
     : id_(id),
       download_link_(download_link),

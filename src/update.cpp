@@ -17,7 +17,9 @@ namespace {
 constexpr unsigned int kLockTimeout = 600;
 constexpr int kCacheMaxAge = 3600;
 
-std::string UpdateAnyLock() { return platform::RootPath("/run/data_update/update_any.lock"); }
+std::string UpdateAnyLock() {
+  return platform::RootPath("/run/data_update/update_any.lock");
+}
 
 std::string UpdateOneLock(const std::string& id) {
   return platform::RootPath((NoexceptFormat("/run/data_update/update_%s.lock") % id).str());
@@ -44,7 +46,8 @@ std::string MachineIdentity() {
 
 // Every occurrence of `from` replaced by `to`, resuming after each inserted text.
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
-  if (from.empty()) return text;
+  if (from.empty())
+    return text;
   for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos)) {
     text.replace(pos, from.size(), to);
     pos += to.size();
@@ -106,7 +109,8 @@ RemoteInfo InfoGetter::GetRemoteInfo(const std::string& id) const {
   const Json::Value& global = document["deprecated"];
   const bool globally_deprecated = global.isConvertibleTo(Json::booleanValue) && global.asBool();
   // A top-level true always wins; an entry's own value stands otherwise.
-  if (globally_deprecated || !entry.isMember("deprecated")) entry["deprecated"] = global;
+  if (globally_deprecated || !entry.isMember("deprecated"))
+    entry["deprecated"] = global;
   return RemoteInfo::FromJson(entry);
 }
 
@@ -159,7 +163,8 @@ void Update::OperateAllProjects(std::function<void(const std::string&)> operatio
     try {
       const bool scheduled = config_->GetDatabaseConfig(id)->GetScheduled();
       const std::string volume = config_->GetCurVolume();
-      if (!scheduled) continue;
+      if (!scheduled)
+        continue;
       if (volume.empty()) {
         log::Write(log::site::kNoVolumeStopAll);
         return;
@@ -219,7 +224,8 @@ void Update::FixProject(const std::string& id) const {
     const std::string root_directory = database->GetRootDirectory();
 
     Fixer fixer(id, remote, volume, install_prefix, root_directory);
-    if (!fixer.IsFixNeeded(status)) return;
+    if (!fixer.IsFixNeeded(status))
+      return;
     info_getter_->SetDatabaseStatus(id, fixer.Fix());
     log::Write(log::site::kFixDone, id);
   } catch (const UpdateError& e) {
@@ -235,10 +241,9 @@ void Update::ForceInstall(const std::string& id, int version) const {
   RemoteInfo remote = info_getter_->GetRemoteInfo(id);
   const int current = remote.data_version;
   // Wraps rather than overflows for absurd inputs; nothing below rejects them.
-  const int target =
-      version > 0 ? version
-                  : static_cast<int>(static_cast<unsigned int>(current) +
-                                     static_cast<unsigned int>(version));
+  const int target = version > 0 ? version
+                                 : static_cast<int>(static_cast<unsigned int>(current) +
+                                                    static_cast<unsigned int>(version));
   remote.data_version = target;
   remote.download_link =
       ReplaceAll(remote.download_link, std::to_string(current), std::to_string(target));

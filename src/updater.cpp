@@ -70,8 +70,8 @@ Updater::~Updater() = default;
 
 DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& status,
                                const RemoteInfo& remote_info,
-                               const std::map<int, DiffInfo>& diff_infos,
-                               const std::string& volume, const std::string& install_prefix,
+                               const std::map<int, DiffInfo>& diff_infos, const std::string& volume,
+                               const std::string& install_prefix,
                                const std::string& root_directory) const {
   // Diff first; only an UpdateError from its construction or preparation falls
   // back to the whole package.
@@ -82,8 +82,8 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
                                               install_prefix, root_directory);
     strategy->PrepareUpdate();
   } catch (const UpdateError& e) {
-    strategy = std::make_shared<FullStrategy>(id, remote_info, volume, install_prefix,
-                                              root_directory);
+    strategy =
+        std::make_shared<FullStrategy>(id, remote_info, volume, install_prefix, root_directory);
     log::Write(log::site::kDiffFellBack, std::string(e.what()));
     log::Write(log::site::kPrepareFull, id);
     strategy->PrepareUpdate();
@@ -118,7 +118,8 @@ bool Fixer::IsFixNeeded(const DatabaseStatus& status) const {
     log::Write(log::site::kNeverInstalled, id_);
     return true;
   }
-  if (CheckStatus(status.file_statuses, install_prefix_)) return false;
+  if (CheckStatus(status.file_statuses, install_prefix_))
+    return false;
   log::Write(log::site::kFileCheckFailed, id_);
   return true;
 }

@@ -41,11 +41,15 @@ long long VolumeHandler::RequiredSpace() const {
 }
 
 bool VolumeHandler::IsSuitable(const void* record, long long required_bytes) const {
-  if (required_bytes < 0) required_bytes = RequiredSpace();
+  if (required_bytes < 0)
+    required_bytes = RequiredSpace();
   const VESKVolInfo info = *static_cast<const VESKVolInfo*>(record);
-  if ((info.flags & VESK_VOL_FLAG_RW) == 0) return false;
-  if (VESKVolumeServicePolicy(&info) == 0) return false;
-  if (info.avail_bytes < static_cast<unsigned long long>(required_bytes)) return false;
+  if ((info.flags & VESK_VOL_FLAG_RW) == 0)
+    return false;
+  if (VESKVolumeServicePolicy(&info) == 0)
+    return false;
+  if (info.avail_bytes < static_cast<unsigned long long>(required_bytes))
+    return false;
   return info.mounted != 0 && info.stat_ready != 0;
 }
 
@@ -78,7 +82,8 @@ void VolumeHandler::CreateDirectories(const std::string& path) const {
 
 void VolumeHandler::InitVolume() const {
   try {
-    if (!config_->GetCurVolume().empty()) return;
+    if (!config_->GetCurVolume().empty())
+      return;
     const std::string volume = FindSuitableVolume("");
     CreateDirectories(GetMainDirPath(volume));
     config_->SetCurVolume(volume);
@@ -102,7 +107,8 @@ void VolumeHandler::MountVolumeEvent(const std::string& mount_path) const {
       return;
     }
     const std::string main_dir = GetMainDirPath(mount_path);
-    if (!IsSuitable(&info, -1)) return;
+    if (!IsSuitable(&info, -1))
+      return;
     CreateDirectories(main_dir);
     config_->SetCurVolume(mount_path);
   } catch (const std::exception& e) {
@@ -124,7 +130,8 @@ void VolumeHandler::UnmountVolumeEvent(const std::string& mount_path) const {
     const std::string new_main = GetMainDirPath(new_volume);
     log::Write(log::site::kMovingDatabases, old_main, new_main);
 
-    if (fs::exists(fs::symlink_status(new_main))) fs::remove(new_main);
+    if (fs::exists(fs::symlink_status(new_main)))
+      fs::remove(new_main);
     CreateDirectories(new_main.substr(0, new_main.rfind('/')));
     if (VLIBCExec("/bin/mv", old_main.c_str(), new_main.c_str(), nullptr, nullptr) < 0) {
       throw std::runtime_error("Failed to move databases.");

@@ -1,5 +1,7 @@
 #include "forked_child.h"
 
+#include <boost/filesystem.hpp>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -94,6 +96,12 @@ std::string Sandbox::Path(const std::string& fixed) const {
 
 void Sandbox::Write(const std::string& fixed, const std::string& content) const {
   WriteFile(Path(fixed), content);
+}
+
+std::string Sandbox::volume() const {
+  const std::string path = root_ / "volume1";
+  boost::filesystem::create_directories(path);
+  return path;
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {

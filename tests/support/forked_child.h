@@ -55,6 +55,9 @@ class Sandbox {
   std::string Path(const std::string& fixed) const;
   void Write(const std::string& fixed, const std::string& content) const;
   const std::string& root() const { return root_.path(); }
+  std::string operator/(const std::string& path) const { return root_ / path; }
+  // A directory standing in for a data volume, created on first use.
+  std::string volume() const;
 
  private:
   TempDir root_;

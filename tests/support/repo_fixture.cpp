@@ -2,9 +2,9 @@
 
 #include <sys/wait.h>
 
+#include <json/reader.h>
 #include <boost/filesystem.hpp>
 #include <cstdio>
-#include <json/reader.h>
 #include <memory>
 
 namespace fs = boost::filesystem;
@@ -23,7 +23,7 @@ std::string ShellQuote(const std::string& text) {
   return quoted + "'";
 }
 
-int Run(const std::string& command) {
+int Shell(const std::string& command) {
   int status = std::system(command.c_str());
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
@@ -40,24 +40,21 @@ std::string Capture(const std::string& command) {
   }
   char buffer[4096];
   size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, raw)) > 0) output.append(buffer, n);
+  while ((n = fread(buffer, 1, sizeof buffer, raw)) > 0)
+    output.append(buffer, n);
   int status = pclose(raw);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
   return output;
 }
 
-Sandbox::Sandbox() : env_("VESKDBUD_ROOT", root_.path().c_str()) {
-  fs::create_directories(volume());
-}
-
-Repo::Repo()
-    : source_(work_ / "source"), out_(work_ / "served/repo"), key_dir_(work_ / "keys") {
+Repo::Repo() : source_(work_ / "source"), out_(work_ / "served/repo"), key_dir_(work_ / "keys") {
   fs::create_directories(source_);
   fs::create_directories(out_);
   server_ = std::make_unique<HttpServer>(work_ / "served");
-  const std::string keygen = ShellQuote(VESKDBUD_PUBLISH_BIN) + " keygen --out " +
-                             ShellQuote(key_dir_) + " >/dev/null";
-  if (Run(keygen) != 0) ADD_FAILURE() << "keygen failed";
+  const std::string keygen =
+      ShellQuote(VESKDBUD_PUBLISH_BIN) + " keygen --out " + ShellQuote(key_dir_) + " >/dev/null";
+  if (Shell(keygen) != 0)
+    ADD_FAILURE() << "keygen failed";
 }
 
 std::string Repo::SourceDir(const std::string& id, int version) const {
@@ -76,14 +73,14 @@ void Repo::RemoveFile(const std::string& id, int version, const std::string& nam
 void Repo::CopyVersion(const std::string& id, int from, int to) {
   const std::string target = SourceDir(id, to);
   fs::remove_all(target);
-  ASSERT_EQ(Run("cp -a " + ShellQuote(SourceDir(id, from)) + " " + ShellQuote(target)), 0);
+  ASSERT_EQ(Shell("cp -a " + ShellQuote(SourceDir(id, from)) + " " + ShellQuote(target)), 0);
 }
 
 void Repo::Sql(const std::string& id, int version, const std::string& name,
                const std::string& sql) {
   const std::string db = SourceDir(id, version) + "/" + name;
   fs::create_directories(fs::path(db).parent_path());
-  ASSERT_EQ(Run("sqlite3 " + ShellQuote(db) + " " + ShellQuote(sql)), 0) << sql;
+  ASSERT_EQ(Shell("sqlite3 " + ShellQuote(db) + " " + ShellQuote(sql)), 0) << sql;
 }
 
 int Repo::Publish(const std::vector<std::string>& extra_args) {
@@ -91,8 +88,9 @@ int Repo::Publish(const std::vector<std::string>& extra_args) {
                         ShellQuote(source_) + " --out " + ShellQuote(out_) + " --key " +
                         ShellQuote(key_dir_ + "/private.pem") + " --base-url " +
                         ShellQuote(BaseUrl()) + " --db-ver " + kDbVer;
-  for (const auto& arg : extra_args) command += " " + ShellQuote(arg);
-  return Run(command + " >/dev/null 2>&1");
+  for (const auto& arg : extra_args)
+    command += " " + ShellQuote(arg);
+  return Shell(command + " >/dev/null 2>&1");
 }
 
 Json::Value Repo::Info() const {
@@ -123,7 +121,8 @@ void InstallTrust(const Sandbox& sandbox, const Repo& repo) {
 
 std::map<std::string, std::string> Snapshot(const std::string& dir) {
   std::map<std::string, std::string> files;
-  if (!fs::is_directory(dir)) return files;
+  if (!fs::is_directory(dir))
+    return files;
   for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
     if (fs::is_regular_file(it->symlink_status())) {
       files[it->path().lexically_relative(dir).string()] = ReadFile(it->path().string());
@@ -152,6 +151,35 @@ void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::str
   }
   WriteFile(sandbox / "usr/share/data_update/data_update.conf", service.toStyledString());
   WriteFile(sandbox / "usr/share/data_update/databases.conf", dbs.toStyledString());
+}
+
+}  // namespace vesk::test
+
+namespace vesk::test {
+
+std::string CompareTrees(const std::string& got, const std::string& want, bool sqlite_by_content) {
+  const auto a = Snapshot(got);
+  const auto b = Snapshot(want);
+  std::string report;
+  for (const auto& [name, content] : b) {
+    auto it = a.find(name);
+    if (it == a.end()) {
+      report += "missing " + name + "; ";
+    } else if (it->second != content) {
+      const bool sqlite = content.compare(0, 16, std::string("SQLite format 3\0", 16)) == 0;
+      if (sqlite && sqlite_by_content &&
+          Capture("sqlite3 " + ShellQuote(got + "/" + name) + " .dump") ==
+              Capture("sqlite3 " + ShellQuote(want + "/" + name) + " .dump")) {
+        continue;
+      }
+      report += "differs " + name + "; ";
+    }
+  }
+  for (const auto& entry : a) {
+    if (b.count(entry.first) == 0)
+      report += "unexpected " + entry.first + "; ";
+  }
+  return report;
 }
 
 }  // namespace vesk::test

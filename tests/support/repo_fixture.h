@@ -11,28 +11,18 @@
 #include <vector>
 
 #include "dataupdate/records.h"
+#include "forked_child.h"
 #include "test_support.h"
 
 namespace vesk::test {
+using dataupdate::DiffInfo;
+using dataupdate::RemoteInfo;
 
 // Runs a shell command; returns its exit status (stdout/stderr inherited).
-int Run(const std::string& command);
+int Shell(const std::string& command);
 // Runs a shell command and returns its stdout; fails the test when it exits non-zero.
 std::string Capture(const std::string& command);
 std::string ShellQuote(const std::string& text);
-
-class Sandbox {
- public:
-  Sandbox();
-  const std::string& root() const { return root_.path(); }
-  std::string operator/(const std::string& path) const { return root_ / path; }
-  // A directory standing in for a data volume.
-  std::string volume() const { return root_ / "volume1"; }
-
- private:
-  TempDir root_;
-  ScopedEnv env_;
-};
 
 class Repo {
  public:
@@ -56,6 +46,8 @@ class Repo {
   std::map<int, DiffInfo> Diffs(const std::string& id) const;
   const HttpServer& server() const { return *server_; }
   const std::string& key_dir() const { return key_dir_; }
+  // The published tree, served as BaseUrl().
+  const std::string& out_dir() const { return out_; }
 
   static constexpr const char* kDbVer = "v1";
 
@@ -89,5 +81,16 @@ struct DatabaseEntry {
 // `volume`) and databases.conf below the sandbox's /usr/share/data_update.
 void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::string& volume,
                         const std::vector<DatabaseEntry>& databases);
+
+}  // namespace vesk::test
+
+namespace vesk::test {
+
+// "" when the regular files below `got` equal those below `want`; otherwise a
+// short description naming the files that differ (never their contents).
+// SQLite files are compared by their SQL dump when `sqlite_by_content` is set,
+// since a database patched by SQL equals its source in content, not in bytes.
+std::string CompareTrees(const std::string& got, const std::string& want,
+                         bool sqlite_by_content = false);
 
 }  // namespace vesk::test

@@ -12,7 +12,9 @@
 #include "dataupdate/project_lock.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/updater.h"
+#include "package_craft.h"
 #include "repo_fixture.h"
+#include "signing.h"
 
 namespace fs = boost::filesystem;
 using namespace vesk::dataupdate;
@@ -27,8 +29,7 @@ std::string Query(const std::string& db, const std::string& sql) {
 std::string Rows(int from, int to) {
   std::string sql = "BEGIN;";
   for (int i = from; i <= to; ++i) {
-    sql += "INSERT INTO items VALUES(" + std::to_string(i) + ", 'item " + std::to_string(i) +
-           "');";
+    sql += "INSERT INTO items VALUES(" + std::to_string(i) + ", 'item " + std::to_string(i) + "');";
   }
   return sql + "COMMIT;";
 }
@@ -112,7 +113,7 @@ TEST_F(EngineTest, FirstInstallFallsBackToFullAndRecordsEveryFile) {
   ASSERT_EQ(repo.Publish(), 0);
 
   DatabaseStatus status = UpdateTo(Never());
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 1)));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 1)), "");
   EXPECT_EQ(status.data_version, 1);
   EXPECT_EQ(status.last_fetch_time, repo.Remote("db1").last_fetch_time);
   ASSERT_EQ(status.file_statuses.size(), 2u);
@@ -151,8 +152,8 @@ TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrder) {
   InstallOneThenPublishFour();
   ASSERT_EQ(repo.Diffs("db1").size(), 3u);
   DatabaseStatus status = UpdateTo(Installed(1));
-  EXPECT_TRUE(log.Matching("Diff update fail").empty()) << log.Lines().size();
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4), true), "");
   EXPECT_EQ(status.data_version, 4);
   EXPECT_FALSE(fs::exists(prefix + "/extra/new.txt"));  // created in 2, deleted in 3
   const std::string db = prefix + "/data/items.db";
@@ -173,7 +174,7 @@ TEST_F(EngineTest, BrokenChainFallsBackToFullWithOneWarning) {
       Updater().Update("db1", Installed(1), repo.Remote("db1"), diffs, volume, prefix, volume);
   EXPECT_EQ(log.Matching("Diff update fail, try full update: No sufficient diff patched").size(),
             1u);
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
   EXPECT_EQ(status.data_version, 4);
   EXPECT_TRUE(NoTemporaryFiles());
 }
@@ -184,30 +185,59 @@ TEST_F(EngineTest, MissingDeltaDecoderFallsBackToFull) {
   UpdateTo(Installed(1));
   auto warnings = log.Matching("Diff update fail, try full update: Fail to apply vcdiff on ");
   EXPECT_EQ(warnings.size(), 1u);
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
+  EXPECT_TRUE(NoTemporaryFiles());
+}
+
+TEST_F(EngineTest, UnsupportedDiffTypeFallsBackToFull) {
+  repo.SetFile("db1", 1, "readme.txt", "one");
+  ASSERT_EQ(repo.Publish(), 0);
+  DatabaseStatus installed = UpdateTo(Never());
+  repo.CopyVersion("db1", 1, 2);
+  repo.SetFile("db1", 2, "readme.txt", "two");
+  ASSERT_EQ(repo.Publish(), 0);
+
+  // A diff package signed by the trusted key whose input has an unknown type.
+  TempDir craft;
+  WriteTarball(craft / "diff.tar",
+               {FileEntry("patch_infos.json",
+                          R"({"/readme.txt": {"operation": "update", "input_file": "r.bsdiff"}})"),
+                FileEntry("r.bsdiff", "BSDIFF40")});
+  auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
+  vesk::publish::SignArchive(craft / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6);
+  std::map<int, DiffInfo> diffs{{2, DiffInfo(repo.BaseUrl() + "/crafted.pkg", 100)}};
+
+  log.Clear();
+  Updater().Update("db1", installed, repo.Remote("db1"), diffs, volume, prefix, volume);
+  EXPECT_EQ(log.Matching("Diff update fail"),
+            std::vector<std::string>{"warning: updater.cpp:83 Diff update fail, try full update: "
+                                     "Unsupported diff type: .bsdiff"});
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2)), "");
   EXPECT_TRUE(NoTemporaryFiles());
 }
 
 TEST_F(EngineTest, FailingSqlDiffFallsBackToFull) {
   InstallOneThenPublishFour();
   // A local row where version 3 inserts one makes that version's SQL fail.
-  ASSERT_EQ(Run("sqlite3 " + ShellQuote(prefix + "/data/items.db") +
-                " \"INSERT INTO items VALUES(230, 'local');\""),
+  ASSERT_EQ(Shell("sqlite3 " + ShellQuote(prefix + "/data/items.db") +
+                  " \"INSERT INTO items VALUES(230, 'local');\""),
             0);
   UpdateTo(Installed(1));
   auto warnings = log.Matching("Diff update fail, try full update: Fail apply sql cmd: ");
   EXPECT_EQ(warnings.size(), 1u);
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
 }
 
 TEST_F(EngineTest, FailedSqlDiffRollsBackEveryStatement) {
   TempDir dir;
   const std::string db = dir / "t.db";
-  ASSERT_EQ(Run("sqlite3 " + db + " 'CREATE TABLE t(id INTEGER PRIMARY KEY); INSERT INTO t VALUES(1);'"),
+  ASSERT_EQ(Shell("sqlite3 " + db +
+                  " 'CREATE TABLE t(id INTEGER PRIMARY KEY); INSERT INTO t VALUES(1);'"),
             0);
   WriteFile(dir / "change.sqlitediff", "INSERT INTO t VALUES(2);\n\nINSERT INTO t VALUES(1);\n");
   const std::string before = ReadFile(db);
-  DiffStrategy strategy("db1", Installed(1), RemoteInfo(2, 0, false, ""), {}, volume, prefix, volume);
+  DiffStrategy strategy("db1", Installed(1), RemoteInfo(2, 0, false, ""), {}, volume, prefix,
+                        volume);
   try {
     strategy._DoSqlitePatch(db, dir / "change.sqlitediff");
     FAIL() << "the duplicate key must fail";
@@ -232,7 +262,8 @@ TEST_F(EngineTest, ReaderHoldingTheUsingLockDelaysTheReplacement) {
   if (reader == 0) {
     int fd = VESKDBUDGetFileLock("db1", 5);
     char byte = fd >= 0 ? 'y' : 'n';
-    if (write(ready[1], &byte, 1) != 1) _exit(3);
+    if (write(ready[1], &byte, 1) != 1)
+      _exit(3);
     usleep(1500 * 1000);
     // The files must still be the old ones while the reader holds the lock.
     bool unchanged = ReadFile(prefix + "/a.txt") == "one";
@@ -260,10 +291,13 @@ TEST_F(EngineTest, PluginsRunBeforeAndAfterTheChange) {
   const std::string record = sandbox / "plugin.log";
   WriteFile(dir + "/10-record",
             "#!/bin/sh\n"
-            "state=absent; [ -f " + prefix + "/a.db ] && state=present\n"
-            "echo \"$1 $DATABASE $CHANGED_FILES $DELIMITER $state\" >> " + record + "\n");
+            "state=absent; [ -f " +
+                prefix +
+                "/a.db ] && state=present\n"
+                "echo \"$1 $DATABASE $CHANGED_FILES $DELIMITER $state\" >> " +
+                record + "\n");
   WriteFile(dir + "/20-fail", "#!/bin/sh\nexit 3\n");
-  ASSERT_EQ(Run("chmod +x " + ShellQuote(dir) + "/*"), 0);
+  ASSERT_EQ(Shell("chmod +x " + ShellQuote(dir) + "/*"), 0);
 
   UpdateTo(Never());
   EXPECT_EQ(ReadFile(record), "4 db1 a.db:b.db : absent\n5 db1 a.db:b.db : present\n");
@@ -272,7 +306,8 @@ TEST_F(EngineTest, PluginsRunBeforeAndAfterTheChange) {
 }
 
 TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
-  if (geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  if (geteuid() != 0)
+    GTEST_SKIP() << "mounting a small tmpfs needs root";
   repo.SetFile("db1", 1, "small.txt", "small");
   ASSERT_EQ(repo.Publish(), 0);
   const RemoteInfo one = repo.Remote("db1");
@@ -293,9 +328,10 @@ TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
 
   pid_t child = fork();
   if (child == 0) {
-    if (unshare(CLONE_NEWNS) != 0) _exit(77);
-    if (Run("mount --make-rprivate / && mount -t tmpfs -o size=16m tmpfs " + ShellQuote(volume)) !=
-        0) {
+    if (unshare(CLONE_NEWNS) != 0)
+      _exit(77);
+    if (Shell("mount --make-rprivate / && mount -t tmpfs -o size=16m tmpfs " +
+              ShellQuote(volume)) != 0) {
       _exit(77);
     }
     DatabaseStatus installed;
@@ -309,16 +345,20 @@ TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
       Updater().Update("db1", installed, two, {}, volume, prefix, volume);
       _exit(11);
     } catch (const UpdateError& e) {
-      if (std::string(e.what()) != "Disk space is too low") _exit(12);
+      if (std::string(e.what()) != "Disk space is too low")
+        _exit(12);
     }
-    if (Snapshot(prefix) != before) _exit(13);
-    if (!NoTemporaryFiles()) _exit(14);
+    if (Snapshot(prefix) != before)
+      _exit(13);
+    if (!NoTemporaryFiles())
+      _exit(14);
     _exit(0);
   }
   int status = 0;
   waitpid(child, &status, 0);
   ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "private mount namespaces are not permitted here";
+  if (WEXITSTATUS(status) == 77)
+    GTEST_SKIP() << "private mount namespaces are not permitted here";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "10 install failed, 11 no refusal, 12 other error, "
                                        "13 installed files changed, 14 temporary files left";
 }
@@ -327,7 +367,7 @@ TEST_F(EngineTest, DiffChainToFourThenFixerRepairsCorruption) {
   DatabaseStatus status = UpdateTo(InstallOneThenPublishFour());
   ASSERT_EQ(status.data_version, 4);
   EXPECT_TRUE(log.Matching("Diff update fail").empty());
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4), true), "");
   Fixer fixer("db1", repo.Remote("db1"), volume, prefix, volume);
   EXPECT_FALSE(fixer.IsFixNeeded(status));
 
@@ -338,7 +378,7 @@ TEST_F(EngineTest, DiffChainToFourThenFixerRepairsCorruption) {
   EXPECT_TRUE(log.Contains("info: updater.cpp:123 db1 file check fail, Need Fix"));
 
   DatabaseStatus fixed = fixer.Fix();
-  EXPECT_EQ(Snapshot(prefix), Snapshot(repo.SourceDir("db1", 4)));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
   EXPECT_FALSE(fixer.IsFixNeeded(fixed));
   EXPECT_TRUE(fixer.IsFixNeeded(Never()));
   EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
