@@ -35,6 +35,27 @@ std::string DigestOf(const std::string& path) {
   return GetSha384(file);
 }
 
+// The prepared strategy replaces the installed files between the pre and post
+// hooks; the status to record lists the files it modified with fresh digests.
+// The update route logs the apply step, the repair route does not.
+DatabaseStatus ApplyWithHooks(BaseStrategy& strategy, const std::string& id,
+                              const RemoteInfo& remote_info, const std::string& install_prefix,
+                              bool log_apply) {
+  const std::set<std::string> files = strategy.GetModifiedFiles();
+  UpdateHook hook(id, files);
+  hook.ExecPre();
+  if (log_apply)
+    log::Write(log::site::kApplyUpdate, id);
+  strategy.ApplyUpdate();
+  hook.ExecPost();
+
+  DatabaseStatus result;
+  result.data_version = remote_info.data_version;
+  result.last_fetch_time = remote_info.last_fetch_time;
+  result.file_statuses = CalculateStatus(files, install_prefix);
+  return result;
+}
+
 }  // namespace
 
 std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files,
@@ -89,18 +110,7 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
     strategy->PrepareUpdate();
   }
 
-  const std::set<std::string> files = strategy->GetModifiedFiles();
-  UpdateHook hook(id, files);
-  hook.ExecPre();
-  log::Write(log::site::kApplyUpdate, id);
-  strategy->ApplyUpdate();
-  hook.ExecPost();
-
-  DatabaseStatus result;
-  result.data_version = remote_info.data_version;
-  result.last_fetch_time = remote_info.last_fetch_time;
-  result.file_statuses = CalculateStatus(files, install_prefix);
-  return result;
+  return ApplyWithHooks(*strategy, id, remote_info, install_prefix, true);
 }
 
 // --------------------------------------------------------------------- Fixer
@@ -128,17 +138,7 @@ DatabaseStatus Fixer::Fix() const {
   log::Write(log::site::kTryFix, id_);
   FullStrategy strategy(id_, remote_info_, volume_, install_prefix_, root_directory_);
   strategy.PrepareUpdate();
-  const std::set<std::string> files = strategy.GetModifiedFiles();
-  UpdateHook hook(id_, files);
-  hook.ExecPre();
-  strategy.ApplyUpdate();
-  hook.ExecPost();
-
-  DatabaseStatus result;
-  result.data_version = remote_info_.data_version;
-  result.last_fetch_time = remote_info_.last_fetch_time;
-  result.file_statuses = CalculateStatus(files, install_prefix_);
-  return result;
+  return ApplyWithHooks(strategy, id_, remote_info_, install_prefix_, false);
 }
 
 }  // namespace vesk::dataupdate
