@@ -242,6 +242,29 @@ TEST_F(ServiceFrontTest, ServerDownFailsTheUpdateAndGarbageStaysCachedForAnHour)
   EXPECT_TRUE(log.Contains("info: update.cpp:248 'db1' has been up to date"));
 }
 
+// One download serves every caller for an hour from the moment it was made,
+// however old the document already was on the server.
+TEST_F(ServiceFrontTest, CachedInfoServesForAnHourAfterTheDownload) {
+  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+  Release("db1", 0);
+  ASSERT_EQ(repo.Publish(), 0);
+  // Published yesterday: a static server announces that as Last-Modified.
+  SetAge(repo.out_dir() + "/database_info/v1", 24 * 3600);
+
+  EXPECT_EQ(service.info->GetRemoteInfo("db1"), repo.Remote("db1"));
+  EXPECT_EQ(Requests("/database_info/"), 1u);
+  EXPECT_EQ(service.info->GetDiffInfos("db1"), repo.Diffs("db1"));
+  EXPECT_EQ(Service().info->GetDatabaseInfo(), repo.Info());
+  EXPECT_EQ(Requests("/database_info/"), 1u);
+  SetAge(Cache(), 3600 - 60);
+  service.info->GetDatabaseInfo();
+  EXPECT_EQ(Requests("/database_info/"), 1u);
+  SetAge(Cache(), 3601 + 60);
+  service.info->GetDatabaseInfo();
+  service.info->GetDatabaseInfo();
+  EXPECT_EQ(Requests("/database_info/"), 2u);
+}
+
 // Every configured database, sorted byte-wise, with its format version, after
 // the machine identity; nothing is escaped.
 TEST_F(ServiceFrontTest, QueryStringSortsAllDatabasesAndCarriesTheMachineIdentity) {
