@@ -39,6 +39,18 @@ class ServiceFrontTest : public ServiceTest {
     }
   }
 
+  // The lock files taken ("+name") and released ("-name"), in order.
+  std::vector<std::string> Locks() const {
+    std::vector<std::string> locks;
+    const std::string dir = sandbox.Path("/run/data_update/");
+    for (const auto& line : log.Matching("file_lock.cpp")) {
+      const size_t at = line.find(dir);
+      const char sign = line.find("Acquire lock") != std::string::npos ? '+' : '-';
+      locks.push_back(sign + line.substr(at + dir.size()));
+    }
+    return locks;
+  }
+
   Service service;
 };
 
@@ -192,6 +204,10 @@ TEST_F(ServiceFrontTest, StatusFileMissingCorruptOrNewerDecidesTheUpdate) {
   service.update.UpdateProject("db1");
   EXPECT_EQ(log.Matching("update.cpp"),
             std::vector<std::string>{"info: update.cpp:248 'db1' has been up to date"});
+  EXPECT_EQ(Locks(),
+            (std::vector<std::string>{"+update_any.lock", "+update_db1.lock", "+fresh_info.lock",
+                                      "-fresh_info.lock", "+fresh_info.lock", "-fresh_info.lock",
+                                      "-update_db1.lock", "-update_any.lock"}));
   EXPECT_EQ(ReadFile(StatusPath("db1")), written);
   EXPECT_EQ(Requests(".pkg"), 2u);  // the two full installs above
 }
@@ -407,6 +423,10 @@ TEST_F(ServiceFrontTest, ForceInstallRewritesTheVersionInTheLinkAndRecordsNoFile
     EXPECT_EQ(status["file_statuses"], Json::Value(Json::objectValue));
   };
   expect_forced(0, kFirst + 2);
+  EXPECT_EQ(Locks(),
+            (std::vector<std::string>{"+update_any.lock", "+update_db1.lock", "+fresh_info.lock",
+                                      "-fresh_info.lock", "+using_db1.lock", "-using_db1.lock",
+                                      "-update_db1.lock", "-update_any.lock"}));
   EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 2)), "");
   expect_forced(-1, kFirst + 1);
   // Unpacked over what was there: the file release 1 lacks stays.
