@@ -213,8 +213,11 @@ TEST_F(ServiceFrontTest, StatusFileMissingCorruptOrNewerDecidesTheUpdate) {
 }
 
 // A server that cannot be reached fails the update, which is logged with the
-// database and rethrown; the installed status stays. The cache goes with the
-// failed download, and a server answering garbage poisons it for an hour.
+// database and rethrown; the installed status stays. The cache is downloaded
+// over in place, so it goes with a failed download, and a server answering
+// garbage poisons it for an hour. Those two consequences are pinned as they
+// stand; keeping the last good document across a failed refresh is a separate
+// decision.
 TEST_F(ServiceFrontTest, ServerDownFailsTheUpdateAndGarbageStaysCachedForAnHour) {
   WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   Release("db1", 0);
@@ -292,7 +295,7 @@ TEST_F(ServiceFrontTest, QueryStringSortsAllDatabasesAndCarriesTheMachineIdentit
   ASSERT_EQ(identity.size(), 64u);
 
   const std::string query =
-      "?os=vko&dlid=" + identity + "&db_list[B]=1&db_list[a]=1.0 beta" + "&db_list[b]=3";
+      "?os=vko&dlid=" + identity + "&db_list[B]=1&db_list[a]=1.0 beta&db_list[b]=3";
   EXPECT_EQ(service.info->GetQueryString(), query);
   EXPECT_EQ(service.info->GetDatabaseUrl(),
             "http://127.0.0.1:" + std::to_string(repo.server().port()) + "/repo/database_info/v1" +
