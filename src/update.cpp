@@ -1,5 +1,8 @@
 #include "dataupdate/update.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "dataupdate/error.h"
@@ -42,6 +45,14 @@ std::string MachineIdentity() {
     return {};
   }
   return ctx->str;
+}
+
+// wget dates what it saves with the server's Last-Modified, which for a
+// document published long ago would make every fresh download look stale; the
+// hour of the cache counts from the download. A stamp that cannot be set only
+// brings the next refresh forward, so it is not an error.
+void MarkDownloadedNow(const std::string& path) {
+  static_cast<void>(utimensat(AT_FDCWD, path.c_str(), nullptr, 0));
 }
 
 // Every occurrence of `from` replaced by `to`, resuming after each inserted text.
@@ -94,6 +105,7 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
     FileLock lock(platform::RootPath("/run/data_update/fresh_info.lock"), kLockTimeout);
     if (VLIBCFileExist(cache.c_str()) == 0 || io_->FileCreateOver(cache, kCacheMaxAge)) {
       io_->Download(cache, GetDatabaseUrl());
+      MarkDownloadedNow(cache);
     }
     return io_->ReadJson(cache);
   } catch (const UpdateError& e) {

@@ -2,12 +2,15 @@
 
 #include <boost/filesystem.hpp>
 
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -102,6 +105,22 @@ std::string Sandbox::volume() const {
   const std::string path = root_ / "volume1";
   boost::filesystem::create_directories(path);
   return path;
+}
+
+HostMountPoints::HostMountPoints(const std::vector<std::string>& paths) {
+  for (const auto& path : paths) {
+    if (mkdir(path.c_str(), 0755) == 0) {
+      created_.push_back(path);
+    } else if (errno != EEXIST) {
+      error_ = "mkdir " + path + ": " + std::strerror(errno);
+      return;
+    }
+  }
+}
+
+HostMountPoints::~HostMountPoints() {
+  for (const auto& path : created_)
+    rmdir(path.c_str());
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "test_support.h"
 
@@ -62,6 +63,22 @@ class Sandbox {
  private:
   TempDir root_;
   ScopedEnv env_;
+};
+
+// Mount point directories on the host's root for tests that mount in a private
+// namespace; the ones that had to be created are removed again.
+class HostMountPoints {
+ public:
+  explicit HostMountPoints(const std::vector<std::string>& paths);
+  ~HostMountPoints();
+  HostMountPoints(const HostMountPoints&) = delete;
+  HostMountPoints& operator=(const HostMountPoints&) = delete;
+  // "" when every directory exists.
+  const std::string& error() const { return error_; }
+
+ private:
+  std::vector<std::string> created_;
+  std::string error_;
 };
 
 // Seconds elapsed on the steady clock since `start`.

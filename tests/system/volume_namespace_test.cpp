@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "forked_child.h"
 #include "test_support.h"
 #include "vesk/mount_vol.h"
 #include "vlib/vlibc.h"
@@ -137,37 +138,11 @@ std::map<std::string, VESKVolInfo> Enumerate(Checks& checks) {
   return found;
 }
 
-// Mount point directories on the host's root; the ones this test had to
-// create are removed again.
-class HostMountPoints {
- public:
-  explicit HostMountPoints(const std::vector<std::string>& paths) {
-    for (const auto& path : paths) {
-      if (mkdir(path.c_str(), 0755) == 0) {
-        created_.push_back(path);
-      } else if (errno != EEXIST) {
-        error_ = "mkdir " + path + ": " + std::strerror(errno);
-        return;
-      }
-    }
-  }
-  ~HostMountPoints() {
-    for (const auto& path : created_)
-      rmdir(path.c_str());
-  }
-  HostMountPoints(const HostMountPoints&) = delete;
-  HostMountPoints& operator=(const HostMountPoints&) = delete;
-  const std::string& error() const { return error_; }
-
- private:
-  std::vector<std::string> created_;
-  std::string error_;
-};
-
 TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
-  HostMountPoints points({"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
+  vesk::test::HostMountPoints points(
+      {"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
   if (!points.error().empty())
     GTEST_SKIP() << "cannot create mount points: " << points.error();
 

@@ -1,0 +1,95 @@
+// The service front as its callers wire it (IOUtils, Config, ServiceConfig,
+// InfoGetter, Updater, Update, Checker, VolumeHandler), over a sandbox whose
+// configuration points at a repository published by veskdbud-publish.
+//
+// Data versions are seven-digit numbers from kFirst on. A forced install
+// derives another version's link by rewriting every occurrence of the current
+// version's digits, so those digits must occur nowhere else in the link:
+// "http://127.0.0.1:<port>/repo/<id>/v<version>/full.pkg" holds at most five
+// digits in a row outside the version (the port), so a seven-digit version
+// cannot collide with them, while 1, 2 or 3 could match the host, the port or
+// an id such as "db1". The publisher takes any decimal versions, consecutive
+// ones giving the diff chain.
+#pragma once
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dataupdate/update.h"
+#include "dataupdate/volume_handler.h"
+#include "repo_fixture.h"
+
+namespace vesk::test {
+
+constexpr int kFirst = 7000001;
+
+struct Service {
+  std::shared_ptr<dataupdate::IOUtils> io = std::make_shared<dataupdate::IOUtils>();
+  std::shared_ptr<dataupdate::ServiceConfig> config =
+      std::make_shared<dataupdate::ServiceConfig>(std::make_shared<dataupdate::Config>(io));
+  std::shared_ptr<dataupdate::InfoGetter> info =
+      std::make_shared<dataupdate::InfoGetter>(io, config);
+  dataupdate::Update update{std::make_shared<dataupdate::Updater>(), info, config};
+  dataupdate::Checker checker{config};
+  dataupdate::VolumeHandler volumes{config};
+};
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override { InstallTrust(sandbox, repo); }
+
+  std::string Prefix(const std::string& id) const { return volume + "/@database/autoupdate/" + id; }
+  std::string Cache() const { return sandbox.Path("/var/cache/data_update/database_info.json"); }
+  std::string StatusPath(const std::string& id) const {
+    return sandbox.Path("/var/lib/data_update/" + id + "/version.json");
+  }
+  // The status file as written; null when there is none.
+  Json::Value Status(const std::string& id) const {
+    Json::Value status;
+    if (Exists(StatusPath(id))) {
+      EXPECT_TRUE(Json::Reader().parse(ReadFile(StatusPath(id)), status));
+    }
+    return status;
+  }
+  // Requests the server answered whose path contains `needle`.
+  size_t Requests(const std::string& needle) const {
+    size_t count = 0;
+    for (const auto& line : repo.server().Requests())
+      count += line.find(needle) != std::string::npos ? 1 : 0;
+    return count;
+  }
+  // Version `kFirst + n` of `id`: a text file naming the release, 32 KiB that
+  // do not compress with one byte changed per release (so the diff package is
+  // far smaller than the full one and is announced), and a growing SQLite table.
+  void Release(const std::string& id, int n) {
+    const int version = kFirst + n;
+    if (n > 0)
+      repo.CopyVersion(id, version - 1, version);
+    repo.SetFile(id, version, "readme.txt", id + " release " + std::to_string(n) + "\n");
+    std::string table(32 << 10, '\0');
+    unsigned long long x = 88172645463325252ull;
+    for (char& c : table) {
+      x ^= x << 13;
+      x ^= x >> 7;
+      x ^= x << 17;
+      c = static_cast<char>(x);
+    }
+    table[n] = 'x';
+    repo.SetFile(id, version, "tables/table.bin", table);
+    repo.Sql(id, version, "items.db",
+             (n == 0 ? "CREATE TABLE items(id INTEGER PRIMARY KEY, name TEXT);" : "") +
+                 std::string("INSERT INTO items(name) VALUES('") + id + " " + std::to_string(n) +
+                 "');");
+  }
+
+  Sandbox sandbox;
+  Repo repo;
+  LogCapture log;
+  std::string volume = sandbox.volume();
+};
+
+}  // namespace vesk::test

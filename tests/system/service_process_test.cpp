@@ -1,0 +1,268 @@
+// The service front between real processes: updates of one database
+// serialising, the checker seeing them, an outside reader delaying the
+// install, and real volumes mounted and leaving in a private mount namespace.
+// Forked children report through their exit status and a findings file.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "dataupdate/project_lock.h"
+#include "service_fixture.h"
+#include "vesk/mount_vol.h"
+
+namespace fs = boost::filesystem;
+using namespace vesk::dataupdate;
+using namespace vesk::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kSkip = 77;
+
+bool WaitFor(const std::string& path, std::chrono::seconds limit = 20s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!Exists(path)) {
+    if (std::chrono::steady_clock::now() > deadline)
+      return false;
+    std::this_thread::sleep_for(10ms);
+  }
+  return true;
+}
+
+class ServiceProcessTest : public ServiceTest {
+ protected:
+  // A version-change plug-in that records each action ("4 db1" before the
+  // change, "5 db1" after it) and, when `hold` is set, stops before the change
+  // until the file `go` appears, after creating `started`.
+  void InstallPlugin(bool hold) {
+    const std::string dir =
+        sandbox.Path("/usr/vesk/lib/plugins/database_autoupdate/version_change");
+    std::string script = "#!/bin/sh\necho \"$1 $DATABASE\" >> " + ShellQuote(marks) + "\n";
+    if (hold) {
+      script += "[ \"$1\" = 4 ] || exit 0\n: > " + ShellQuote(started) + "\nwhile [ ! -e " +
+                ShellQuote(go) + " ]; do sleep 0.05; done\n";
+    }
+    WriteFile(dir + "/10-mark", script);
+    ASSERT_EQ(Shell("chmod +x " + ShellQuote(dir + "/10-mark")), 0);
+  }
+
+  // A child running UpdateProject; exit status 0 when it returned.
+  std::unique_ptr<ForkedChild> UpdateInChild(const std::string& id) {
+    return std::make_unique<ForkedChild>([this, id](const ForkedChild::Channel&) {
+      service.update.UpdateProject(id);
+      return 0;
+    });
+  }
+
+  Service service;
+  const std::string marks = sandbox / "marks";
+  const std::string started = sandbox / "started";
+  const std::string go = sandbox / "go";
+};
+
+TEST_F(ServiceProcessTest, UpdatesOfOneDatabaseSerialiseAndTheCheckerSeesThem) {
+  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}, {"db2"}});
+  Release("db1", 0);
+  ASSERT_EQ(repo.Publish(), 0);
+  InstallPlugin(true);
+  EXPECT_FALSE(service.checker.IsAnyUpdating());
+  EXPECT_FALSE(service.checker.IsUpdating("db1"));
+
+  auto first = UpdateInChild("db1");
+  ASSERT_TRUE(WaitFor(started)) << "the first update never reached its plug-in";
+  EXPECT_TRUE(service.checker.IsUpdating("db1"));
+  EXPECT_TRUE(service.checker.IsAnyUpdating());
+  EXPECT_FALSE(service.checker.IsUpdating("db2"));
+  EXPECT_UPDATE_ERROR(service.checker.IsUpdating("db9"), "Project db9 not supported");
+
+  auto second = UpdateInChild("db1");
+  EXPECT_EQ(second->Wait(1500ms), -1) << "the second update did not wait for the first";
+  EXPECT_EQ(ReadFile(marks), "4 db1\n");
+  WriteFile(go, "");
+  EXPECT_EQ(first->Wait(), 0);
+  EXPECT_EQ(second->Wait(), 0);
+
+  // The second run found the first one's work done.
+  EXPECT_EQ(ReadFile(marks), "4 db1\n5 db1\n");
+  EXPECT_EQ(log.Matching("update.cpp:2"),
+            (std::vector<std::string>{"warning: update.cpp:252 Update db1",
+                                      "warning: update.cpp:270 Update db1 completed and succeed",
+                                      "info: update.cpp:248 'db1' has been up to date"}));
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst)), "");
+  EXPECT_FALSE(service.checker.IsUpdating("db1"));
+  EXPECT_FALSE(service.checker.IsAnyUpdating());
+}
+
+TEST_F(ServiceProcessTest, AReaderHoldingTheReadLockDelaysTheInstall) {
+  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+  Release("db1", 0);
+  ASSERT_EQ(repo.Publish(), 0);
+  service.update.UpdateProject("db1");
+  Release("db1", 1);
+  ASSERT_EQ(repo.Publish(), 0);
+  SetAge(Cache(), 3601 + 60);
+  InstallPlugin(false);
+
+  ForkedChild reader([](const ForkedChild::Channel& parent) {
+    const int fd = VESKDBUDGetFileLock("db1", 0);
+    if (fd < 0)
+      return 1;
+    parent.Send('L');
+    parent.Receive();
+    VESKDBUDReleaseFileLock(fd);
+    return 0;
+  });
+  ASSERT_EQ(reader.Receive(), 'L');
+  auto updater = UpdateInChild("db1");
+  // Prepared and announced to the plug-ins, the update waits for the reader.
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!Exists(marks) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(10ms);
+  ASSERT_TRUE(Exists(marks));
+  EXPECT_EQ(updater->Wait(1s), -1) << "the update did not wait for the reader";
+  EXPECT_EQ(ReadFile(marks), "4 db1\n");
+  EXPECT_EQ(ReadFile(Prefix("db1") + "/readme.txt"), "db1 release 0\n");
+
+  reader.Send('R');
+  EXPECT_EQ(reader.Wait(), 0);
+  EXPECT_EQ(updater->Wait(), 0);
+  EXPECT_EQ(ReadFile(marks), "4 db1\n5 db1\n");
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
+}
+
+// What a forked child found wrong, one line each, for the parent to report.
+class Findings {
+ public:
+  explicit Findings(std::string path) : path_(std::move(path)) {}
+  void Expect(bool ok, const std::string& what) const {
+    if (!ok)
+      std::ofstream(path_, std::ios::app) << what << "\n";
+  }
+  template <typename A, typename B>
+  void Equal(const A& got, const B& want, const std::string& what) const {
+    std::ostringstream line;
+    line << what << ": got \"" << got << "\", expected \"" << want << "\"";
+    Expect(got == want, line.str());
+  }
+
+ private:
+  std::string path_;
+};
+
+// Real tmpfs volumes at /volume1 (4 MiB), /volume2 and /volume3 (16 MiB each)
+// with db1 reserving 8 MiB: the small volume is passed over, the databases
+// follow the volume that leaves, updates stop when no volume can take them,
+// and a volume of exactly the reserved size is adopted when it is mounted.
+TEST_F(ServiceProcessTest, RealVolumesAreChosenByReservedSpaceAndTheDatabasesMoveWithThem) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "mounting tmpfs volumes needs root (euid " << geteuid() << ")";
+  HostMountPoints points({"/volume1", "/volume2", "/volume3"});
+  if (!points.error().empty())
+    GTEST_SKIP() << "cannot create the mount points: " << points.error();
+  WriteDefaultConfig(sandbox, repo, "", {{"db1", "%VOLUME%", "1", true, 8u << 20}});
+  Release("db1", 0);
+  ASSERT_EQ(repo.Publish(), 0);
+  const std::string findings_path = sandbox / "findings";
+  const std::string source = repo.SourceDir("db1", kFirst);
+  const std::string databases_local = sandbox.Path("/usr/vesk/etc/data_update/databases.conf");
+
+  ForkedChild child([&](const ForkedChild::Channel&) {
+    const Findings findings(findings_path);
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
+      findings.Expect(false, std::string("private mount namespace: ") + std::strerror(errno));
+      return kSkip;
+    }
+    unsetenv("VESK_VOLUMES");  // the mount table decides
+    for (const auto& [where, size] : {std::pair{"/volume1", "size=4m"}, {"/volume2", "size=16m"}}) {
+      if (mount("tmpfs", where, "tmpfs", 0, size) != 0) {
+        findings.Expect(false, std::string("mount ") + where + ": " + std::strerror(errno));
+        return 1;
+      }
+    }
+    const auto main_dir = [](const std::string& on) { return on + "/@database/autoupdate"; };
+    const auto volume_lines = [&] { return log.Matching("volume_handler.cpp"); };
+
+    InitService();
+    findings.Equal(service.config->GetCurVolume(), "/volume2", "volume chosen at start");
+    findings.Expect(log.Contains("warning: volume_handler.cpp:45 Autoupdate set the new volume "
+                                 "at '/volume2'."),
+                    "no line for the chosen volume");
+    service.update.UpdateProject("db1");
+    findings.Equal(CompareTrees(main_dir("/volume2") + "/db1", source), "", "installed tree");
+
+    // Mounted while a volume is set: ignored.
+    findings.Expect(mount("tmpfs", "/volume3", "tmpfs", 0, "size=16m") == 0, "mount /volume3");
+    log.Clear();
+    service.volumes.MountVolumeEvent("/volume3");
+    findings.Equal(volume_lines().size(), 1u, "lines for a mount while a volume is set");
+    findings.Expect(log.Contains("debug: volume_handler.cpp:102 Ignoring the uninteresting event "
+                                 "of '/volume3'."),
+                    "no debug line for the ignored mount");
+
+    // /volume2 leaves: the databases move to /volume3, the small one is passed over.
+    service.volumes.UnmountVolumeEvent("/volume2");
+    findings.Equal(service.config->GetCurVolume(), "/volume3", "volume after the move");
+    findings.Expect(log.Contains("warning: volume_handler.cpp:67 Moving databases from "
+                                 "/volume2/@database/autoupdate to /volume3/@database/autoupdate"),
+                    "no line for the move");
+    findings.Expect(umount("/volume2") == 0, "umount /volume2 after the move");
+    findings.Equal(CompareTrees(main_dir("/volume3") + "/db1", source), "", "moved tree");
+    log.Clear();
+    service.update.UpdateProject("db1");
+    findings.Expect(log.Contains("info: update.cpp:248 'db1' has been up to date"),
+                    "the moved database is not up to date");
+
+    // /volume3 leaves and only the small volume is left: updates stop.
+    log.Clear();
+    service.volumes.UnmountVolumeEvent("/volume3");
+    findings.Equal(service.config->GetCurVolume(), "", "volume with none suitable");
+    findings.Expect(
+        volume_lines() == std::vector<std::string>{"info: volume_handler.cpp:87 Autoupdate for DBs "
+                                                   "using volume is going to be disabled normally: "
+                                                   "Cannot find suitable volume."},
+        "lines for the unmount without a suitable volume");
+    findings.Expect(umount("/volume3") == 0, "umount /volume3");
+
+    // One byte short of the reserved space: not adopted. Exactly enough: adopted.
+    VESKVolInfo small{};
+    findings.Equal(VESKMountVolInfoGet("/volume1", &small), 0, "InfoGet /volume1");
+    WriteFile(databases_local, "{\"db1\": {\"min_rsv_space_inbytes\": " +
+                                   std::to_string(small.avail_bytes + 1) + "}}");
+    log.Clear();
+    service.volumes.MountVolumeEvent("/volume1");
+    findings.Equal(service.config->GetCurVolume(), "", "volume after an unsuitable mount");
+    findings.Equal(volume_lines().size(), 0u, "lines for an unsuitable mount");
+    WriteFile(databases_local,
+              "{\"db1\": {\"min_rsv_space_inbytes\": " + std::to_string(small.avail_bytes) + "}}");
+    service.volumes.MountVolumeEvent("/volume1");
+    findings.Equal(service.config->GetCurVolume(), "/volume1", "volume after a suitable mount");
+    findings.Expect(fs::is_directory(main_dir("/volume1")), "no main directory on /volume1");
+
+    // The status still names the installed version; the repair brings the files.
+    service.update.FixProject("db1");
+    findings.Equal(CompareTrees(main_dir("/volume1") + "/db1", source), "", "repaired tree");
+    return 0;
+  });
+  const int status = child.Wait(120s);
+  const std::string findings = Exists(findings_path) ? ReadFile(findings_path) : "";
+  if (status == kSkip)
+    GTEST_SKIP() << findings;
+  std::istringstream lines(findings);
+  for (std::string line; std::getline(lines, line);)
+    ADD_FAILURE() << line;
+  EXPECT_EQ(status, 0) << "100: the child threw";
+  for (const char* point : {"/volume1", "/volume2", "/volume3"})
+    EXPECT_TRUE(fs::is_empty(point)) << point << " is not empty on the host";
+}
+
+}  // namespace
