@@ -30,6 +30,7 @@ else
   demo=$(mktemp -d "${TMPDIR:-/tmp}/veskdbud-demo.XXXXXX")
 fi
 demo=$(cd "$demo" && pwd)
+cd "$demo"  # commands below are shown with paths relative to the sandbox
 root=$demo/appliance vol1=$demo/volume1 vol2=$demo/volume2
 vendor=$demo/vendor served=$demo/served
 mkdir -p "$root" "$vol1" "$vol2" "$vendor/source" "$served/repo"
@@ -42,14 +43,24 @@ if [[ -t 1 ]]; then bold=$'\e[1m' dim=$'\e[2m' plain=$'\e[0m'; else bold='' dim=
 step=0
 step() { step=$((step + 1)); printf '\n%s%d. %s%s\n' "$bold" "$step" "$1" "$plain"; }
 say() { printf '   %s\n' "$@"; }
-# Prints a command as typed, then runs it (the tool as plain `veskdbud`).
+# Prints a command as typed (paths inside the sandbox shortened), then runs
+# it; the tool is shown as plain `veskdbud`.
+shown() {
+  local word out=()
+  for word in "$@"; do
+    word=${word//"$demo"\//}
+    [[ $word =~ ^[][A-Za-z0-9_./:=@%+-]+$ ]] || word="'${word//\'/\'\\\'\'}'"
+    out+=("$word")
+  done
+  printf '%s' "${out[*]}"
+}
 run() {
-  printf '%s$ %s%s\n' "$dim" "$*" "$plain"
+  printf '%s$ %s%s\n' "$dim" "$(shown "$@")" "$plain"
   if [[ $1 == veskdbud ]]; then "$tool" "${@:2}"; else "$@"; fi
 }
 mark() { wc -l <"$1" 2>/dev/null || echo 0; }
 # The lines of file $1 after line $2 that match $3.
-since() { tail -n +"$(($2 + 1))" "$1" | grep -E "$3" || true; }
+since() { tail -n +"$(($2 + 1))" "$1" | grep -E "$3" | sed "s|$demo/||g" || true; }
 
 # ---------------------------------------------------------------- the vendor
 # Versions are dated numbers: their eight digits cannot occur in the server's
@@ -184,9 +195,8 @@ say "volume2 holds: $(ls "$vol2/@database/autoupdate" | tr '\n' ' ')"
 
 step "Forced install: the catalog goes back two releases, to ${versions[1]}"
 run veskdbud force-install catalog -2
-say "a reader holds the catalog's read lock while it queries the database:"
-run veskdbud run-locked catalog -- sqlite3 "$(installed catalog)/catalog.db" \
-  "SELECT count(*) || ' products' FROM products"
+say "a reader counts the products while holding the catalog's read lock:"
+run veskdbud run-locked catalog -- sqlite3 "$(installed catalog)/catalog.db" "SELECT count(*) FROM products"
 run veskdbud status catalog
 
 step "The next update brings the catalog forward again"
