@@ -78,6 +78,21 @@ std::pair<std::string, std::string> DescribeUpdate(int before, int after) {
   return {"updated", "updated " + VersionText(before) + " -> " + VersionText(after)};
 }
 
+// What update, fix and force-install share: `id` ("" for all) is configured,
+// a volume is recorded, and the library's downloads suit this stderr.
+struct Session {
+  Session(const Args& args, const std::string& id)
+      : output(args.verbose, isatty(STDERR_FILENO) == 1), update(lib.MakeUpdate()) {
+    if (!id.empty())
+      lib.RequireKnown(id);
+    lib.RequireVolume();
+  }
+
+  const Library lib;
+  const DownloadOutput output;
+  const dataupdate::Update update;
+};
+
 int ParseVersion(const std::string& text) {
   if (text.empty())
     return 0;
@@ -106,27 +121,18 @@ std::string OneOrAll(const Args& args) {
 
 int RunUpdate(const Args& args) {
   const std::string id = OneOrAll(args);
-  Library lib;
-  if (!id.empty())
-    lib.RequireKnown(id);
-  lib.RequireVolume();
-  DownloadOutput output(args.verbose, isatty(STDERR_FILENO) == 1);
-  const dataupdate::Update update = lib.MakeUpdate();
-  ForEach(lib, id, [&](const std::string& db) {
-    RunRecorded(lib, db, "update", DescribeUpdate, [&] { update.UpdateProject(db); });
+  const Session session(args, id);
+  ForEach(session.lib, id, [&session](const std::string& db) {
+    RunRecorded(session.lib, db, "update", DescribeUpdate,
+                [&] { session.update.UpdateProject(db); });
   });
   return kExitOk;
 }
 
 int RunFix(const Args& args) {
   const std::string id = OneOrAll(args);
-  Library lib;
-  if (!id.empty())
-    lib.RequireKnown(id);
-  lib.RequireVolume();
-  DownloadOutput output(args.verbose, isatty(STDERR_FILENO) == 1);
-  const dataupdate::Update update = lib.MakeUpdate();
-  ForEach(lib, id, [&](const std::string& db) {
+  const Session session(args, id);
+  ForEach(session.lib, id, [&session](const std::string& db) {
     // The library rewrites the status file exactly when it reinstalled.
     const auto written_before = StatusWritten(db);
     const Describe describe = [&](int before, int after) -> std::pair<std::string, std::string> {
@@ -136,7 +142,7 @@ int RunFix(const Args& args) {
         return {"repaired", "repaired: reinstalled " + VersionText(after)};
       return {"intact", "files intact at " + VersionText(after)};
     };
-    RunRecorded(lib, db, "fix", describe, [&] { update.FixProject(db); });
+    RunRecorded(session.lib, db, "fix", describe, [&] { session.update.FixProject(db); });
   });
   return kExitOk;
 }
@@ -144,16 +150,13 @@ int RunFix(const Args& args) {
 int RunForceInstall(const Args& args) {
   const std::string id = args.Operand(0);
   const int version = ParseVersion(args.Operand(1));
-  Library lib;
-  lib.RequireKnown(id);
-  lib.RequireVolume();
-  DownloadOutput output(args.verbose, isatty(STDERR_FILENO) == 1);
-  const dataupdate::Update update = lib.MakeUpdate();
+  const Session session(args, id);
   const Describe describe = [](int before, int after) -> std::pair<std::string, std::string> {
     return {"installed",
             "installed " + VersionText(after) + " (forced; was " + VersionText(before) + ")"};
   };
-  RunRecorded(lib, id, "force-install", describe, [&] { update.ForceInstall(id, version); });
+  RunRecorded(session.lib, id, "force-install", describe,
+              [&] { session.update.ForceInstall(id, version); });
   return kExitOk;
 }
 
