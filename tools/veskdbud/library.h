@@ -16,7 +16,7 @@ struct Library {
   Library();
 
   // The database IDs of the argument: {id} (checked to be configured) or,
-  // for "" , every configured database in configuration order.
+  // for "", every configured database in configuration order.
   std::vector<std::string> Databases(const std::string& id) const;
   // Throws CliError(kExitUnknownDatabase) unless `id` is configured.
   void RequireKnown(const std::string& id) const;
