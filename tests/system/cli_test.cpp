@@ -346,8 +346,11 @@ TEST_F(CliTest, VolumeEventsMoveAdoptOrLeaveTheDatabases) {
 }
 
 TEST_F(CliTest, IsUpdatingFollowsTheUpdateLocks) {
+  // Before any update no lock file exists; the answer needs none (so a user
+  // who may not create one is answered too) and creates none.
   EXPECT_EQ(Cli("is-updating").status, 1);
   EXPECT_EQ(Cli("is-updating db1").out, "db1: not updating\n");
+  EXPECT_FALSE(Exists(sandbox.Path("/run/data_update/update_db1.lock")));
   {
     FileLock any(sandbox.Path("/run/data_update/update_any.lock"), 0);
     FileLock one(sandbox.Path("/run/data_update/update_db1.lock"), 0);
