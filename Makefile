@@ -25,7 +25,7 @@ test: deps
 
 demo: deps
 	@$(MAKE) --no-print-directory build
-	@echo "The demo comes with the operator CLI; the library and its tests are built."
+	@demo/run.sh $(BUILD)
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)

@@ -1,0 +1,476 @@
+// The veskdbud tool as an operator runs it: installed by `cmake --install` into
+// a fresh prefix, started as a process with a sandbox (VESKDBUD_ROOT) in its
+// environment, against a repository published by veskdbud-publish and served
+// on 127.0.0.1, and judged by its exit status, its output and what it leaves.
+#include <gtest/gtest.h>
+#include <json/reader.h>
+
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <thread>
+
+#include "dataupdate/file_lock.h"
+#include "repo_fixture.h"
+
+namespace fs = boost::filesystem;
+using vesk::dataupdate::FileLock;
+using namespace vesk::test;
+
+namespace {
+
+// Dated versions: eight digits never occur in "http://127.0.0.1:<port>/repo",
+// so a forced install can rewrite them in the package link.
+constexpr int kV1 = 20250601;
+constexpr int kV2 = 20250602;
+constexpr int kV3 = 20250603;
+
+// The tree `cmake --install` makes, once per test process.
+const std::string& Prefix() {
+  static TempDir prefix;
+  static const bool installed =
+      Shell("cmake --install " + ShellQuote(VESKDBUD_BUILD_DIR) + " --prefix " +
+            ShellQuote(prefix.path()) + " >/dev/null") == 0;
+  EXPECT_TRUE(installed) << "cmake --install failed";
+  return prefix.path();
+}
+
+std::string Tool() {
+  return Prefix() + "/bin/veskdbud";
+}
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+  double seconds = 0;
+};
+
+// Text that does not compress, so a small change makes a diff package far
+// smaller than the full one.
+std::string Rules(char changed_at_500 = 'w') {
+  std::string text;
+  unsigned int state = 12345;
+  for (int i = 0; i < 20000; ++i) {
+    state = state * 1103515245u + 12345u;
+    text += static_cast<char>('a' + (state >> 16) % 26);
+  }
+  text[500] = changed_at_500;
+  return text;
+}
+
+Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  Json::Reader reader;
+  EXPECT_TRUE(reader.parse(text, value)) << text;
+  return value;
+}
+
+class CliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    InstallTrust(sandbox, repo);
+    WriteDefaultConfig(sandbox, repo, volume, {{"db1"}, {"db2"}, {"db3", "%VOLUME%", "1", false}});
+  }
+
+  // Runs the installed tool with `args` (already shell words), after `env`
+  // assignments, with stdin from /dev/null.
+  Outcome Cli(const std::string& args, const std::string& env = "") const {
+    Outcome o;
+    const std::string out = io / "out", err = io / "err";
+    const auto start = std::chrono::steady_clock::now();
+    o.status = Shell(env + " " + ShellQuote(Tool()) + " " + args + " >" + ShellQuote(out) + " 2>" +
+                     ShellQuote(err) + " </dev/null");
+    o.seconds = SecondsSince(start);
+    o.out = ReadFile(out);
+    o.err = ReadFile(err);
+    return o;
+  }
+
+  Json::Value Status(const std::string& id = "") const {
+    const Outcome o = Cli("status --json " + id);
+    EXPECT_EQ(o.status, 0) << o.err;
+    return ParseJson(o.out);
+  }
+
+  static Json::Value Entry(const Json::Value& status, const std::string& id) {
+    for (const Json::Value& db : status["databases"]) {
+      if (db["id"].asString() == id)
+        return db;
+    }
+    ADD_FAILURE() << "no entry for " << id;
+    return Json::Value();
+  }
+
+  // db1: two files, db2: one file, both at kV1 and published.
+  void PublishFirst() {
+    repo.SetFile("db1", kV1, "readme.txt", "db1 release one\n");
+    repo.SetFile("db1", kV1, "rules/web.rules", Rules());
+    repo.SetFile("db2", kV1, "list.txt", "db2 release one\n");
+    ASSERT_EQ(repo.Publish(), 0);
+  }
+
+  void PublishSecondAndThird() {
+    repo.CopyVersion("db1", kV1, kV2);
+    repo.SetFile("db1", kV2, "readme.txt", "db1 release two\n");
+    repo.CopyVersion("db1", kV2, kV3);
+    repo.SetFile("db1", kV3, "rules/web.rules", Rules('x'));
+    ASSERT_EQ(repo.Publish(), 0);
+    // The appliance asks the server again only when its copy is an hour old.
+    const std::string cache = sandbox.Path("/var/cache/data_update/database_info.json");
+    if (Exists(cache))
+      SetAge(cache, 7200);
+  }
+
+  void WriteServiceConfig(const std::string& netloc, const std::string& cur_volume) const {
+    sandbox.Write("/usr/share/data_update/data_update.conf",
+                  "{\"config\": {\"download_scheme\": \"http\", \"db_netloc\": \"" + netloc +
+                      "\", \"db_ver\": \"v1\", \"cur_volume\": \"" + cur_volume + "\"}}");
+  }
+
+  std::string Installed(const std::string& id) const {
+    return volume + "/@database/autoupdate/" + id;
+  }
+
+  Sandbox sandbox;
+  Repo repo;
+  std::string volume = sandbox.volume();
+  TempDir io;
+  ScopedEnv no_log_file{"VESKDBUD_LOG_FILE", nullptr};
+  ScopedEnv no_wgetrc{"WGETRC", nullptr};
+  ScopedEnv volumes{"VESK_VOLUMES", volume.c_str()};
+};
+
+TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyAndStatusJsonAgrees) {
+  PublishFirst();
+  const Outcome update = Cli("update --all");
+  EXPECT_EQ(update.status, 0) << update.err;
+  EXPECT_EQ(update.out, "db1: installed 20250601\ndb2: installed 20250601\n");
+  EXPECT_EQ(update.err, "");  // not a terminal: no download noise
+  EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release one\n");
+
+  const Json::Value status = Status();
+  EXPECT_EQ(status["volume"].asString(), volume);
+  EXPECT_TRUE(status["server_info_age_seconds"].isIntegral());
+  ASSERT_EQ(status["databases"].size(), 3u);
+  for (const char* id : {"db1", "db2"}) {
+    const Json::Value db = Entry(status, id);
+    EXPECT_EQ(db["installed_version"].asInt(), kV1) << id;
+    EXPECT_EQ(db["server_version"].asInt(), kV1) << id;
+    EXPECT_TRUE(db["scheduled"].asBool());
+    EXPECT_EQ(db["install_directory"].asString(), Installed(id));
+    EXPECT_TRUE(db["last_result"]["ok"].asBool());
+    EXPECT_EQ(db["last_result"]["operation"].asString(), "update");
+    EXPECT_EQ(db["last_result"]["outcome"].asString(), "installed");
+    EXPECT_TRUE(db["last_result"]["version_before"].isNull());
+    EXPECT_EQ(db["last_result"]["version_after"].asInt(), kV1);
+  }
+  const Json::Value off = Entry(status, "db3");  // automatic update off: skipped by --all
+  EXPECT_FALSE(off["scheduled"].asBool());
+  EXPECT_TRUE(off["installed_version"].isNull());
+  EXPECT_TRUE(off["last_result"].isNull());
+
+  const Outcome again = Cli("update db1");
+  EXPECT_EQ(again.status, 0);
+  EXPECT_EQ(again.out, "db1: up to date at 20250601\n");
+  // The tool finds the recorded result under the same root as the library,
+  // however the root is spelled.
+  const Outcome slashed = Cli("status --json db1", "VESKDBUD_ROOT=" + sandbox.root() + "//");
+  EXPECT_EQ(ParseJson(slashed.out)["databases"][0]["last_result"]["outcome"].asString(),
+            "up to date");
+}
+
+TEST_F(CliTest, UpdateFollowsTheDiffChainAndReportsBothVersions) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update db1").status, 0);
+  PublishSecondAndThird();
+  const size_t before = repo.server().Requests().size();
+
+  const Outcome update = Cli("update db1");
+  EXPECT_EQ(update.status, 0) << update.err;
+  EXPECT_EQ(update.out, "db1: updated 20250601 -> 20250603\n");
+  std::vector<std::string> fetched;
+  const auto requests = repo.server().Requests();
+  for (size_t i = before; i < requests.size(); ++i) {
+    if (requests[i].find(".pkg") != std::string::npos)
+      fetched.push_back(requests[i]);
+  }
+  EXPECT_EQ(fetched, (std::vector<std::string>{"GET /repo/db1/v20250602/diff.pkg",
+                                               "GET /repo/db1/v20250603/diff.pkg"}));
+  EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
+  const Json::Value last = Entry(Status(), "db1")["last_result"];
+  EXPECT_EQ(last["version_before"].asInt(), kV1);
+  EXPECT_EQ(last["version_after"].asInt(), kV3);
+  EXPECT_EQ(last["outcome"].asString(), "updated");
+}
+
+TEST_F(CliTest, FixRepairsOnlyTheDamagedDatabase) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update --all").status, 0);
+  WriteFile(Installed("db1") + "/rules/web.rules", "tampered");
+
+  const Outcome fix = Cli("fix");
+  EXPECT_EQ(fix.status, 0) << fix.err;
+  EXPECT_EQ(fix.out, "db1: repaired: reinstalled 20250601\ndb2: files intact at 20250601\n");
+  EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "");
+  EXPECT_EQ(Entry(Status(), "db1")["last_result"]["outcome"].asString(), "repaired");
+
+  const Outcome again = Cli("fix db1");
+  EXPECT_EQ(again.out, "db1: files intact at 20250601\n");
+}
+
+TEST_F(CliTest, ForceInstallGoesBackAndTheNextUpdateReturns) {
+  PublishFirst();
+  PublishSecondAndThird();
+  ASSERT_EQ(Cli("update db1").status, 0);
+
+  const Outcome back = Cli("force-install db1 -2");
+  EXPECT_EQ(back.status, 0) << back.err;
+  EXPECT_EQ(back.out, "db1: installed 20250601 (forced; was 20250603)\n");
+  EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release one\n");
+  Json::Value db = Entry(Status(), "db1");
+  EXPECT_EQ(db["installed_version"].asInt(), kV1);
+  EXPECT_EQ(db["server_version"].asInt(), kV3);
+  EXPECT_EQ(db["last_result"]["operation"].asString(), "force-install");
+
+  EXPECT_EQ(Cli("force-install db1 20250602").out,
+            "db1: installed 20250602 (forced; was 20250601)\n");
+  EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
+  EXPECT_EQ(Cli("update db1").out, "db1: updated 20250602 -> 20250603\n");
+  EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
+}
+
+TEST_F(CliTest, UnknownDatabaseIsOneLineWithStatusThree) {
+  for (const char* args : {"update nosuch", "fix nosuch", "force-install nosuch", "status nosuch",
+                           "is-updating nosuch", "run-locked nosuch -- true"}) {
+    const Outcome o = Cli(args);
+    EXPECT_EQ(o.status, 3) << args;
+    EXPECT_EQ(o.err, "veskdbud: unknown database 'nosuch' (configured: db1, db2, db3)\n") << args;
+    EXPECT_EQ(o.out, "") << args;
+  }
+}
+
+TEST_F(CliTest, UsageErrorsExitTwoWithOneLineAndHelpExitsZero) {
+  for (const char* args :
+       {"", "bogus", "update --bogus", "update db1 --all", "update db1 db2", "volume sideways /x",
+        "volume mount", "run-locked db1", "run-locked db1 --timeout soon -- true", "force-install",
+        "force-install db1 two", "status --json --timeout 3"}) {
+    const Outcome o = Cli(args);
+    EXPECT_EQ(o.status, 2) << args;
+    EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << args << ": " << o.err;
+    EXPECT_EQ(o.err.rfind("veskdbud: ", 0), 0u) << o.err;
+  }
+  for (const char* command : {"init", "update", "fix", "force-install", "status", "is-updating",
+                              "volume", "run-locked"}) {
+    const Outcome o = Cli(std::string(command) + " --help");
+    EXPECT_EQ(o.status, 0) << command;
+    EXPECT_EQ(o.out.rfind(std::string("Usage: veskdbud [--verbose] ") + command, 0), 0u) << o.out;
+    EXPECT_EQ(Cli("help " + std::string(command)).out, o.out);
+  }
+  const Outcome version = Cli("--version");
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out, std::string("veskdbud ") + VESKDBUD_VERSION + "\n");
+}
+
+TEST_F(CliTest, FailedUpdateExitsOneAndIsRecorded) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update db1").status, 0);
+  WriteServiceConfig("127.0.0.1:" + std::to_string(UnusedPort()) + "/repo", volume);
+  SetAge(sandbox.Path("/var/cache/data_update/database_info.json"), 7200);
+
+  const Outcome o = Cli("update db1");
+  EXPECT_EQ(o.status, 1);
+  EXPECT_EQ(o.out, "");
+  EXPECT_EQ(o.err.rfind("veskdbud: Fail to wget url: http://127.0.0.1:", 0), 0u) << o.err;
+  EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << o.err;
+
+  const Json::Value last = Entry(Status(), "db1")["last_result"];
+  EXPECT_FALSE(last["ok"].asBool());
+  EXPECT_EQ(last["outcome"].asString(), "failed");
+  EXPECT_EQ(last["message"].asString() + "\n", o.err.substr(std::string("veskdbud: ").size()));
+  EXPECT_EQ(last["version_after"].asInt(), kV1);
+  EXPECT_NE(Cli("status db1").out.find("update: FAILED"), std::string::npos);
+
+  const Outcome all = Cli("update --all");
+  EXPECT_EQ(all.status, 1);
+  EXPECT_EQ(all.err.rfind("veskdbud: Fail on project 'db1': Fail to wget url: ", 0), 0u) << all.err;
+}
+
+TEST_F(CliTest, WithoutAVolumeUpdatesRefuseAndInitChoosesOne) {
+  PublishFirst();
+  WriteServiceConfig("127.0.0.1:" + std::to_string(repo.server().port()) + "/repo", "");
+  for (const char* args : {"update", "fix db1", "force-install db1"}) {
+    const Outcome o = Cli(args);
+    EXPECT_EQ(o.status, 4) << args;
+    EXPECT_EQ(o.err,
+              "veskdbud: no volume holds the databases; run 'veskdbud init' or 'veskdbud "
+              "volume mount PATH'\n");
+  }
+  const Json::Value status = Status();
+  EXPECT_TRUE(status["volume"].isNull());
+  EXPECT_TRUE(Entry(status, "db1")["install_directory"].isNull());
+
+  EXPECT_EQ(Cli("init", "VESK_VOLUMES=" + sandbox.root() + "/absent").status, 4);
+  const Outcome init = Cli("init");
+  EXPECT_EQ(init.status, 0) << init.err;
+  EXPECT_EQ(init.out, "the databases live on " + volume + "\n");
+  EXPECT_TRUE(fs::is_directory(volume + "/@database/autoupdate"));
+  EXPECT_EQ(Cli("update db1").status, 0);
+  EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release one\n");
+}
+
+TEST_F(CliTest, VolumeEventsMoveAdoptOrLeaveTheDatabases) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update db1").status, 0);
+  const std::string second = sandbox / "volume2";
+  fs::create_directories(second);
+  const std::string both = "VESK_VOLUMES=" + volume + ":" + second;
+
+  const Outcome moved = Cli("volume unmount " + volume + "/", both);
+  EXPECT_EQ(moved.status, 0) << moved.err;
+  EXPECT_EQ(moved.out, "the databases moved from " + volume + " to " + second + "\n");
+  EXPECT_EQ(ReadFile(second + "/@database/autoupdate/db1/readme.txt"), "db1 release one\n");
+  EXPECT_EQ(Entry(Status(), "db1")["install_directory"].asString(),
+            second + "/@database/autoupdate/db1");
+
+  EXPECT_EQ(Cli("volume unmount " + volume, both).out,
+            volume + " does not hold the databases (" + second + " does); nothing to do\n");
+  EXPECT_EQ(Cli("volume mount " + volume, both).out,
+            "the databases stay on " + second + "; " + volume + " is not needed\n");
+
+  const Outcome stranded = Cli("volume unmount " + second, "VESK_VOLUMES=" + second);
+  EXPECT_EQ(stranded.status, 4);
+  EXPECT_TRUE(Status()["volume"].isNull());
+  const Outcome adopted = Cli("volume mount " + volume, both);
+  EXPECT_EQ(adopted.status, 0) << adopted.err;
+  EXPECT_EQ(Status()["volume"].asString(), volume);
+}
+
+TEST_F(CliTest, IsUpdatingFollowsTheUpdateLocks) {
+  // Before any update no lock file exists; the answer needs none (so a user
+  // who may not create one is answered too) and creates none.
+  EXPECT_EQ(Cli("is-updating").status, 1);
+  EXPECT_EQ(Cli("is-updating db1").out, "db1: not updating\n");
+  EXPECT_FALSE(Exists(sandbox.Path("/run/data_update/update_db1.lock")));
+  {
+    FileLock any(sandbox.Path("/run/data_update/update_any.lock"), 0);
+    FileLock one(sandbox.Path("/run/data_update/update_db1.lock"), 0);
+    const Outcome o = Cli("is-updating db1");
+    EXPECT_EQ(o.status, 0);
+    EXPECT_EQ(o.out, "db1: updating\n");
+    EXPECT_EQ(Cli("is-updating db2").status, 1);
+    EXPECT_EQ(Cli("is-updating").status, 0);
+  }
+  EXPECT_EQ(Cli("is-updating db1").status, 1);
+}
+
+TEST_F(CliTest, RunLockedHoldsTheReadLockWhileAnUpdateWaits) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update db1").status, 0);
+  PublishSecondAndThird();
+
+  // The reader copies the file, says it holds the lock, waits 2 s, copies it again.
+  const std::string file = ShellQuote(Installed("db1") + "/readme.txt");
+  const std::string reader = "cat " + file + " >" + ShellQuote(io / "first") + "; touch " +
+                             ShellQuote(io / "holding") + "; sleep 2; cat " + file + " >" +
+                             ShellQuote(io / "second") + "; exit 7";
+  std::thread background([&] {
+    Shell(ShellQuote(Tool()) + " run-locked db1 -- sh -c " + ShellQuote(reader) + "; echo $? >" +
+          ShellQuote(io / "reader_status"));
+  });
+  const auto start = std::chrono::steady_clock::now();
+  while (!Exists(io / "holding") && SecondsSince(start) < 20)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(Exists(io / "holding"));
+
+  const Outcome update = Cli("update db1");
+  background.join();
+  EXPECT_EQ(update.status, 0) << update.err;
+  EXPECT_GE(update.seconds, 1.5);  // it waited for the reader to finish
+  EXPECT_EQ(ReadFile(io / "reader_status"), "7\n");
+  EXPECT_EQ(ReadFile(io / "first"), "db1 release one\n");
+  EXPECT_EQ(ReadFile(io / "second"), "db1 release one\n");  // not replaced under the reader
+  EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
+}
+
+TEST_F(CliTest, RunLockedReportsTimeoutMissingLockAndTheCommandsStatus) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update db1").status, 0);
+  {
+    FileLock writer(sandbox.Path("/run/data_update/using_db1.lock"), 0);
+    const Outcome o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
+    EXPECT_EQ(o.status, 124);
+    EXPECT_GE(o.seconds, 0.9);
+    EXPECT_LT(o.seconds, 5.0);
+    EXPECT_FALSE(Exists(io / "ran"));
+    EXPECT_EQ(o.err,
+              "veskdbud: run-locked: the read lock of 'db1' was not free within 1 s: an update is "
+              "replacing its files\n");
+  }
+  const Outcome never = Cli("run-locked db2 -- true");  // never updated: no lock file
+  EXPECT_EQ(never.status, 125);
+  EXPECT_NE(never.err.find(sandbox.Path("/run/data_update/using_db2.lock")), std::string::npos);
+
+  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'exit 7'").status, 7);
+  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'kill -TERM $$'").status, 128 + 15);
+  EXPECT_EQ(Cli("run-locked db1 -- /nonexistent/program").status, 127);
+  EXPECT_EQ(Cli("run-locked db1 --timeout=0 -- echo hello").out, "hello\n");
+}
+
+TEST_F(CliTest, VerboseMirrorsTheLogUnlessTheUserChoseAFile) {
+  PublishFirst();
+  ASSERT_EQ(Cli("update db1").status, 0);
+  const std::string line = "info: update.cpp:248 'db1' has been up to date";
+  EXPECT_NE(Cli("--verbose update db1").err.find(line), std::string::npos);
+  EXPECT_EQ(Cli("update db1").err, "");
+
+  const std::string file = io / "chosen.log";
+  const Outcome chosen = Cli("update db1 -v", "VESKDBUD_LOG_FILE=" + ShellQuote(file));
+  EXPECT_EQ(chosen.err.find(line), std::string::npos);
+  EXPECT_NE(ReadFile(file).find(line), std::string::npos);
+}
+
+TEST_F(CliTest, ATerminalShowsDownloadProgress) {
+  PublishFirst();
+  const std::string transcript = io / "terminal";
+  ASSERT_EQ(Shell("script -qec " + ShellQuote(ShellQuote(Tool()) + " update db1") + " " +
+                  ShellQuote(transcript) + " >/dev/null"),
+            0);
+  const std::string text = ReadFile(transcript);
+  EXPECT_NE(text.find("100%["), std::string::npos) << text;
+  EXPECT_NE(text.find("db1: installed 20250601"), std::string::npos) << text;
+}
+
+TEST(CliInstall, InstallsTheUnitsAndExamplesTheToolRunsWith) {
+  const std::string units = Prefix() + "/lib/systemd/system/";
+  const std::string init = ReadFile(units + "veskdbud-init.service");
+  EXPECT_NE(init.find("/bin/veskdbud init\n"), std::string::npos) << init;
+  EXPECT_NE(init.find("WantedBy=multi-user.target"), std::string::npos);
+  const std::string service = ReadFile(units + "veskdbud-update.service");
+  EXPECT_NE(service.find("Type=oneshot"), std::string::npos);
+  EXPECT_NE(service.find("/bin/veskdbud update --all\n"), std::string::npos) << service;
+  const std::string timer = ReadFile(units + "veskdbud-update.timer");
+  for (const char* key : {"OnCalendar=daily", "RandomizedDelaySec=", "Persistent=true"})
+    EXPECT_NE(timer.find(key), std::string::npos) << key;
+
+  // The shared library, not a copy of it, serves the tool.
+  EXPECT_NE(
+      Capture("objdump -p " + ShellQuote(Tool())).find("NEEDED               libveskdbud.so.0"),
+      std::string::npos);
+
+  // The examples are a working default configuration with no volume chosen yet.
+  Sandbox sandbox;
+  const std::string examples = Prefix() + "/share/data_update/";
+  for (const char* name : {"data_update.conf", "databases.conf"})
+    sandbox.Write(std::string("/usr/share/data_update/") + name, ReadFile(examples + name));
+  const Json::Value config = ParseJson(ReadFile(examples + "data_update.conf"))["config"];
+  for (const char* key : {"download_scheme", "db_netloc", "db_ver"})
+    EXPECT_FALSE(config[key].asString().empty()) << key;
+  EXPECT_EQ(config["cur_volume"], Json::Value(""));
+  const Json::Value status = ParseJson(Capture(ShellQuote(Tool()) + " status --json"));
+  EXPECT_TRUE(status["volume"].isNull());
+  ASSERT_EQ(status["databases"].size(), 2u);
+  for (const Json::Value& db : status["databases"])
+    EXPECT_TRUE(db["installed_version"].isNull()) << db["id"].asString();
+}
+
+}  // namespace

@@ -1,0 +1,53 @@
+// The outcome of the tool's last update, fix or forced install of a database,
+// kept in "/var/lib/data_update/<id>/last_result.json" (below $VESKDBUD_ROOT)
+// next to the library's version.json, so `veskdbud status` can show it.
+//
+// Written whole to a temporary file and renamed into place, so a reader never
+// sees half a document. Runs of the library by other callers do not write it.
+//
+//   {
+//     "operation" : "update",          update | fix | force-install
+//     "ok" : true,
+//     "outcome" : "updated",           installed | updated | up to date |
+//                                      repaired | intact | failed
+//     "message" : "",                  the error text when "ok" is false
+//     "time" : 1750000000,             seconds since the epoch, when it ended
+//     "version_before" : 20250601,     null when nothing was installed
+//     "version_after" : 20250604       null when nothing is installed
+//   }
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+#include "dataupdate/io_utils.h"
+
+namespace vesk::cli {
+
+struct LastResult {
+  std::string operation;
+  bool ok = false;
+  std::string outcome;
+  std::string message;
+  long long time = 0;
+  int version_before = -1;  // -1: nothing installed
+  int version_after = -1;
+
+  Json::Value ToJson() const;
+};
+
+std::string LastResultPath(const std::string& id);
+
+// Records `result` for `id`. Never throws: a failure to write is reported as
+// one warning line on stderr, since the operation itself is done.
+void RecordLastResult(const dataupdate::IOUtils& io, const std::string& id,
+                      const LastResult& result) noexcept;
+
+// The recorded document, or null when there is none or it cannot be read.
+Json::Value ReadLastResult(const dataupdate::IOUtils& io, const std::string& id);
+
+// "update: updated" or "update: FAILED" for a recorded document; "-" for null.
+std::string LastResultSummary(const Json::Value& result);
+
+}  // namespace vesk::cli

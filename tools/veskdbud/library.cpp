@@ -1,0 +1,54 @@
+#include "library.h"
+
+#include <algorithm>
+
+#include "cli.h"
+#include "dataupdate/updater.h"
+
+namespace vesk::cli {
+
+using namespace vesk::dataupdate;
+
+Library::Library()
+    : io(std::make_shared<IOUtils>()),
+      config(std::make_shared<Config>(io)),
+      service(std::make_shared<ServiceConfig>(config)),
+      info(std::make_shared<InfoGetter>(io, service)) {}
+
+void Library::RequireKnown(const std::string& id) const {
+  const std::vector<std::string> ids = service->GetDatabaseIDs();
+  if (std::find(ids.begin(), ids.end(), id) != ids.end())
+    return;
+  std::string known;
+  for (const std::string& each : ids)
+    known += (known.empty() ? "" : ", ") + each;
+  throw CliError(kExitUnknownDatabase, "unknown database '" + id + "' (configured: " +
+                                           (known.empty() ? "none" : known) + ")");
+}
+
+std::vector<std::string> Library::Databases(const std::string& id) const {
+  if (id.empty())
+    return service->GetDatabaseIDs();
+  RequireKnown(id);
+  return {id};
+}
+
+std::string Library::RequireVolume() const {
+  std::string volume = service->GetCurVolume();
+  if (volume.empty()) {
+    throw CliError(kExitNoVolume,
+                   "no volume holds the databases; run 'veskdbud init' or "
+                   "'veskdbud volume mount PATH'");
+  }
+  return volume;
+}
+
+Update Library::MakeUpdate() const {
+  return Update(std::make_shared<Updater>(), info, service);
+}
+
+std::string VersionText(int version) {
+  return version < 0 ? "-" : std::to_string(version);
+}
+
+}  // namespace vesk::cli

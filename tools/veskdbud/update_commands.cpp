@@ -1,0 +1,163 @@
+// update, fix and force-install: the library's Update operations, with one
+// line per database on stdout and the outcome recorded for `status`.
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <optional>
+#include <utility>
+
+#include "cli.h"
+#include "commands.h"
+#include "download_output.h"
+#include "last_result.h"
+#include "library.h"
+#include "system_paths.h"
+
+namespace vesk::cli {
+namespace {
+
+using Describe = std::function<std::pair<std::string, std::string>(int before, int after)>;
+
+// Runs `work` on database `id` as operation `operation`, records the outcome
+// and prints "<id>: <line>" where `describe` gives (outcome, line) from the
+// installed versions before and after. Failures are recorded and rethrown.
+void RunRecorded(const Library& lib, const std::string& id, const std::string& operation,
+                 const Describe& describe, const std::function<void()>& work) {
+  LastResult result;
+  result.operation = operation;
+  result.version_before = lib.info->GetDatabaseStatus(id).data_version;
+  try {
+    work();
+  } catch (const std::exception& e) {
+    result.outcome = "failed";
+    result.message = e.what();
+    result.time = std::time(nullptr);
+    result.version_after = lib.info->GetDatabaseStatus(id).data_version;
+    RecordLastResult(*lib.io, id, result);
+    throw;
+  }
+  result.ok = true;
+  result.time = std::time(nullptr);
+  result.version_after = lib.info->GetDatabaseStatus(id).data_version;
+  std::string line;
+  std::tie(result.outcome, line) = describe(result.version_before, result.version_after);
+  RecordLastResult(*lib.io, id, result);
+  std::cout << id << ": " << line << std::endl;
+}
+
+// Runs `operation` on the one database named, or, as the library's
+// all-database runs do, on every scheduled one until the first failure.
+void ForEach(const Library& lib, const std::string& id,
+             const std::function<void(const std::string&)>& operation) {
+  if (id.empty()) {
+    lib.MakeUpdate().OperateAllProjects(operation);
+  } else {
+    operation(id);
+  }
+}
+
+// When the status file was last written; nullopt when there is none.
+std::optional<std::filesystem::file_time_type> StatusWritten(const std::string& id) {
+  std::error_code ec;
+  auto when = std::filesystem::last_write_time(
+      SystemPath("/var/lib/data_update/" + id + "/version.json"), ec);
+  return ec ? std::nullopt : std::optional(when);
+}
+
+std::pair<std::string, std::string> DescribeUpdate(int before, int after) {
+  if (before < 0)
+    return {"installed", "installed " + VersionText(after)};
+  if (after == before)
+    return {"up to date", "up to date at " + VersionText(after)};
+  return {"updated", "updated " + VersionText(before) + " -> " + VersionText(after)};
+}
+
+// What update, fix and force-install share: `id` ("" for all) is configured,
+// a volume is recorded, and the library's downloads suit this stderr.
+struct Session {
+  Session(const Args& args, const std::string& id)
+      : output(args.verbose, isatty(STDERR_FILENO) == 1), update(lib.MakeUpdate()) {
+    if (!id.empty())
+      lib.RequireKnown(id);
+    lib.RequireVolume();
+  }
+
+  const Library lib;
+  const DownloadOutput output;
+  const dataupdate::Update update;
+};
+
+int ParseVersion(const std::string& text) {
+  if (text.empty())
+    return 0;
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || errno != 0 || value < INT_MIN || value > INT_MAX) {
+    throw CliError(kExitUsage, "force-install: VERSION must be a whole number, got '" + text +
+                                   "' (see 'veskdbud force-install --help')");
+  }
+  return static_cast<int>(value);
+}
+
+}  // namespace
+
+std::string OneOrAll(const Args& args) {
+  const std::string id = args.Operand(0);
+  if (!id.empty() && args.Has("--all")) {
+    throw CliError(kExitUsage, args.command +
+                                   ": give a database ID or --all, not both (see "
+                                   "'veskdbud " +
+                                   args.command + " --help')");
+  }
+  return id;
+}
+
+int RunUpdate(const Args& args) {
+  const std::string id = OneOrAll(args);
+  const Session session(args, id);
+  ForEach(session.lib, id, [&session](const std::string& db) {
+    RunRecorded(session.lib, db, "update", DescribeUpdate,
+                [&] { session.update.UpdateProject(db); });
+  });
+  return kExitOk;
+}
+
+int RunFix(const Args& args) {
+  const std::string id = OneOrAll(args);
+  const Session session(args, id);
+  ForEach(session.lib, id, [&session](const std::string& db) {
+    // The library rewrites the status file exactly when it reinstalled.
+    const auto written_before = StatusWritten(db);
+    const Describe describe = [&](int before, int after) -> std::pair<std::string, std::string> {
+      if (before < 0)
+        return {"installed", "installed " + VersionText(after)};
+      if (StatusWritten(db) != written_before)
+        return {"repaired", "repaired: reinstalled " + VersionText(after)};
+      return {"intact", "files intact at " + VersionText(after)};
+    };
+    RunRecorded(session.lib, db, "fix", describe, [&] { session.update.FixProject(db); });
+  });
+  return kExitOk;
+}
+
+int RunForceInstall(const Args& args) {
+  const std::string id = args.Operand(0);
+  const int version = ParseVersion(args.Operand(1));
+  const Session session(args, id);
+  const Describe describe = [](int before, int after) -> std::pair<std::string, std::string> {
+    return {"installed",
+            "installed " + VersionText(after) + " (forced; was " + VersionText(before) + ")"};
+  };
+  RunRecorded(session.lib, id, "force-install", describe,
+              [&] { session.update.ForceInstall(id, version); });
+  return kExitOk;
+}
+
+}  // namespace vesk::cli
