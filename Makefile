@@ -1,11 +1,13 @@
 # Thin wrapper over CMake: make demo | make test | make bench | make install.
+# Checks (docs/development.md): make test-sanitize | make tidy | make format-check | make fuzz.
 BUILD   ?= build
 PREFIX  ?= /usr/local
 JOBS    ?= $(shell nproc)
 WERROR  ?= ON
 CMAKE_FLAGS ?=
+SAN_BUILD ?= build-asan
 
-.PHONY: all deps configure build test demo install bench format clean
+.PHONY: all deps configure build test demo install bench format clean test-sanitize
 
 all: build
 
@@ -23,6 +25,10 @@ test: deps
 	@$(MAKE) --no-print-directory build
 	@cd $(BUILD) && ctest --output-on-failure -j$(JOBS) --timeout 600
 
+# The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, in $(SAN_BUILD).
+test-sanitize: deps
+	@scripts/test-sanitize $(SAN_BUILD) $(JOBS)
+
 demo: deps
 	@$(MAKE) --no-print-directory build
 	@echo "The demo comes with the operator CLI; the library and its tests are built."
@@ -34,4 +40,4 @@ format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	@rm -rf $(BUILD)
+	@rm -rf $(BUILD) $(SAN_BUILD)
