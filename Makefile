@@ -7,7 +7,8 @@ WERROR  ?= ON
 CMAKE_FLAGS ?=
 SAN_BUILD ?= build-asan
 
-.PHONY: all deps configure build test demo install bench format clean test-sanitize
+.PHONY: all deps configure build test demo install bench format clean test-sanitize \
+        tidy format-check
 
 all: build
 
@@ -38,6 +39,15 @@ install: build
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+# Every tracked .h/.cpp must already be as clang-format (.clang-format) writes it.
+format-check: deps
+	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
+	@echo "format-check: $$(git ls-files '*.h' '*.cpp' | wc -l) files formatted"
+
+# clang-tidy (.clang-tidy) over src/, platform/ and tools/ with $(BUILD)'s compile commands.
+tidy: deps
+	@scripts/tidy $(BUILD) $(JOBS)
 
 clean:
 	@rm -rf $(BUILD) $(SAN_BUILD)
