@@ -95,7 +95,14 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
     throw UpdateError("Fail to read: " + path);
   Json::Value root;
   Json::Reader reader;
-  if (!reader.parse(in, root, true))
+  bool parsed = false;
+  try {
+    parsed = reader.parse(in, root, true);
+  } catch (const Json::Exception&) {
+    // The reader throws rather than fails for some documents, such as nesting
+    // deeper than it allows (1000 levels); those cannot be decoded either.
+  }
+  if (!parsed)
     throw UpdateError("Fail to decode: " + path);
   return root;
 }
