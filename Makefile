@@ -6,9 +6,11 @@ JOBS    ?= $(shell nproc)
 WERROR  ?= ON
 CMAKE_FLAGS ?=
 SAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 30
 
 .PHONY: all deps configure build test demo install bench format clean test-sanitize \
-        tidy format-check
+        tidy format-check fuzz
 
 all: build
 
@@ -49,5 +51,9 @@ format-check: deps
 tidy: deps
 	@scripts/tidy $(BUILD) $(JOBS)
 
+# Each libFuzzer harness of fuzz/ for FUZZ_SECONDS (clang build in $(FUZZ_BUILD)).
+fuzz: deps
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz $(FUZZ_BUILD) $(JOBS)
+
 clean:
-	@rm -rf $(BUILD) $(SAN_BUILD)
+	@rm -rf $(BUILD) $(SAN_BUILD) $(FUZZ_BUILD)
