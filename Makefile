@@ -1,11 +1,16 @@
 # Thin wrapper over CMake: make demo | make test | make bench | make install.
+# Checks (docs/development.md): make test-sanitize | make tidy | make format-check | make fuzz.
 BUILD   ?= build
 PREFIX  ?= /usr/local
 JOBS    ?= $(shell nproc)
 WERROR  ?= ON
 CMAKE_FLAGS ?=
+SAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 30
 
-.PHONY: all deps configure build test demo install bench format clean
+.PHONY: all deps configure build test demo install bench format clean test-sanitize \
+        tidy format-check fuzz
 
 all: build
 
@@ -23,6 +28,10 @@ test: deps
 	@$(MAKE) --no-print-directory build
 	@cd $(BUILD) && ctest --output-on-failure -j$(JOBS) --timeout 600
 
+# The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, in $(SAN_BUILD).
+test-sanitize: deps
+	@scripts/test-sanitize $(SAN_BUILD) $(JOBS)
+
 demo: deps
 	@$(MAKE) --no-print-directory build
 	@demo/run.sh $(BUILD)
@@ -33,5 +42,18 @@ install: build
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
+# Every tracked .h/.cpp must already be as clang-format (.clang-format) writes it.
+format-check: deps
+	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
+	@echo "format-check: $$(git ls-files '*.h' '*.cpp' | wc -l) files formatted"
+
+# clang-tidy (.clang-tidy) over src/, platform/ and tools/ with $(BUILD)'s compile commands.
+tidy: deps
+	@scripts/tidy $(BUILD) $(JOBS)
+
+# Each libFuzzer harness of fuzz/ for FUZZ_SECONDS (clang build in $(FUZZ_BUILD)).
+fuzz: deps
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz $(FUZZ_BUILD) $(JOBS)
+
 clean:
-	@rm -rf $(BUILD)
+	@rm -rf $(BUILD) $(SAN_BUILD) $(FUZZ_BUILD)

@@ -10,6 +10,9 @@ UpdateError::UpdateError(const std::string& message) noexcept
 UpdateError::UpdateError(const std::string& message, ErrorCode code) noexcept
     : message_(message), code_(code) {}
 
+// Written out rather than "= default": the copy of the message may allocate, and
+// the explicit noexcept is what ends the process when it cannot.
+// NOLINTNEXTLINE(modernize-use-equals-default)
 UpdateError::UpdateError(const UpdateError& other) noexcept
     : std::exception(other), message_(other.message_), code_(other.code_) {}
 

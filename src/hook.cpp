@@ -42,7 +42,9 @@ UpdateHook& UpdateHook::operator=(const UpdateHook& other) {
 }
 
 UpdateHook::~UpdateHook() {
-  Clear();
+  // By the time a base destructor runs, a subclass's override is gone: name the
+  // release this class makes rather than seem to dispatch.
+  UpdateHook::Clear();
 }
 
 bool UpdateHook::ExecPre() {

@@ -20,7 +20,9 @@ bool RemoteInfo::operator==(const RemoteInfo& other) const {
 
 RemoteInfo RemoteInfo::FromJson(const Json::Value& value) {
   // All members are tested before any is converted, so no partial record escapes.
-  if (!value["data_version"].isString() || !value["last_fetch_time"].isInt() ||
+  // The value itself is tested first: on an array or a scalar the const member
+  // access would throw Json::LogicError instead of reading null (null fails anyway).
+  if (!value.isObject() || !value["data_version"].isString() || !value["last_fetch_time"].isInt() ||
       !value["deprecated"].isBool() || !value["download_link"].isString()) {
     throw UpdateError("Invalid json object for RemoteInfo");
   }
@@ -45,7 +47,7 @@ bool DiffInfo::operator==(const DiffInfo& other) const {
 }
 
 DiffInfo DiffInfo::FromJson(const Json::Value& value) {
-  if (!value["download_link"].isString() || !value["file_size"].isInt()) {
+  if (!value.isObject() || !value["download_link"].isString() || !value["file_size"].isInt()) {
     throw UpdateError("Invalid json object for DiffInfo");
   }
   return DiffInfo(value["download_link"].asString(), value["file_size"].asInt());
@@ -69,7 +71,7 @@ bool FileStatus::operator!=(const FileStatus& other) const {
 }
 
 FileStatus FileStatus::FromJson(const Json::Value& value) {
-  if (!value["sha384_digest"].isString()) {
+  if (!value.isObject() || !value["sha384_digest"].isString()) {
     throw UpdateError("Invalid json object for FileStatus");
   }
   return FileStatus{value["sha384_digest"].asString()};
@@ -108,7 +110,7 @@ bool DatabaseStatus::operator!=(const DatabaseStatus& other) const {
 }
 
 DatabaseStatus DatabaseStatus::FromJson(const Json::Value& value) {
-  if (!value["data_version"].isString() || !value["last_fetch_time"].isInt()) {
+  if (!value.isObject() || !value["data_version"].isString() || !value["last_fetch_time"].isInt()) {
     throw UpdateError("Invalid json object for DatabaseStatus");
   }
   DatabaseStatus status;

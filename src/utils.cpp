@@ -38,7 +38,7 @@ using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
 
 // Larger than the historical 64 bytes: same result for good, failed and empty
 // streams, far fewer calls on large files.
-constexpr std::streamsize kDigestBlock = 64 * 1024;
+constexpr std::streamsize kDigestBlock = std::streamsize{64} * 1024;
 
 bool PathMissing(const std::string& path) {
   struct stat st;
@@ -102,6 +102,9 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
     // The stream library throws on a read error (a directory, an I/O fault)
     // whatever the exception mask says.
     throw UpdateError("Fail to read: " + path);
+  } catch (const Json::Exception&) {
+    // The reader throws rather than fails for some documents, such as nesting
+    // deeper than it allows (1000 levels); those cannot be decoded either.
   }
   if (!parsed)
     throw UpdateError("Fail to decode: " + path);
@@ -231,7 +234,7 @@ std::string GetSha384(std::istream& in) {
 
   static const char kHex[] = "0123456789abcdef";
   std::string text;
-  text.reserve(length * 2);
+  text.reserve(2 * std::size_t{length});
   for (unsigned int i = 0; i < length; ++i) {
     text.push_back(kHex[digest[i] >> 4]);
     text.push_back(kHex[digest[i] & 0x0f]);
@@ -256,6 +259,7 @@ std::string VeskGetUserAgent(const std::string& component) {
   return buffer;
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): ending the process is the contract
 boost::format NoexceptFormat(const std::string& format) noexcept {
   boost::format formatter(format);
   formatter.exceptions(boost::io::all_error_bits ^

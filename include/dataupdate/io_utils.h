@@ -61,7 +61,10 @@ VESKDBUD_EXPORT std::string FlatFileName(const std::string& name);
 VESKDBUD_EXPORT std::string VeskGetUserAgent(const std::string& component);
 
 // A boost::format whose argument-count errors are switched off, so too few or
-// too many arguments give text instead of an exception. Never throws.
+// too many arguments give text instead of an exception. Never throws: a format
+// text that boost::format cannot parse (such as a trailing "%"), or no memory to
+// build it, ends the process. The library passes only fixed format texts.
+// NOLINTNEXTLINE(bugprone-exception-escape): ending the process is the contract
 VESKDBUD_EXPORT boost::format NoexceptFormat(const std::string& format) noexcept;
 
 }  // namespace vesk::dataupdate

@@ -8,8 +8,9 @@
 // In JSON, "data_version" is a decimal *string* while "last_fetch_time" is an
 // integer; both directions keep that asymmetry. FromJson/BatchFromJson throw
 // UpdateError ("Invalid json object for <Record>") when a member is missing or
-// of the wrong type; a "data_version" text holding no number lets the standard
-// std::stoi error (std::invalid_argument / std::out_of_range) through.
+// of the wrong type, and FromJson also when the value is not an object at all
+// (null, an array or a scalar); a "data_version" text holding no number lets the
+// standard std::stoi error (std::invalid_argument / std::out_of_range) through.
 #pragma once
 
 #include <json/value.h>
@@ -48,7 +49,9 @@ struct VESKDBUD_EXPORT DiffInfo {
 
   static DiffInfo FromJson(const Json::Value& value);
   // Members keyed by target version text; a null input gives an empty map, and of
-  // two names with the same number ("3", "03") the first met wins.
+  // two names with the same number ("3", "03") the first met wins. The input is
+  // not tested for being an object: a scalar has no members (an empty map), and
+  // an array's elements have no names, so its first valid element fails "stoi".
   static std::map<int, DiffInfo> BatchFromJson(const Json::Value& value);
 };
 

@@ -21,7 +21,7 @@ constexpr size_t kMachineIdLimit = 4096;  // the file holds 33 bytes; more is no
 // empty (so failure can be tested); one that does not falls back to the host's.
 std::string MachineIdFile() {
   if (!SandboxRoot().empty()) {
-    const std::string sandboxed = RootPath(kMachineIdPath);
+    std::string sandboxed = RootPath(kMachineIdPath);
     struct stat st;
     if (stat(sandboxed.c_str(), &st) == 0)
       return sandboxed;
@@ -70,16 +70,16 @@ extern "C" int veskcrypto_hwid_str(veskcrypto_hwid* ctx, int /*selector*/) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_Digest(id.data(), id.size(), digest, &length, EVP_sha256(), nullptr) != 1 ||
-      length * 2 >= sizeof ctx->str) {
+      2 * std::size_t{length} >= sizeof ctx->str) {
     vesk::platform::SetLastError(EIO);
     return 0;
   }
   static constexpr char kHex[] = "0123456789abcdef";
-  for (unsigned int i = 0; i < length; ++i) {
+  for (std::size_t i = 0; i < length; ++i) {
     ctx->str[2 * i] = kHex[digest[i] >> 4];
     ctx->str[2 * i + 1] = kHex[digest[i] & 0x0f];
   }
-  ctx->str[2 * length] = '\0';
+  ctx->str[2 * std::size_t{length}] = '\0';
   vesk::platform::SetLastError(0);
   return 1;
 }

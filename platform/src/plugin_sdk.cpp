@@ -169,8 +169,12 @@ std::vector<std::string> BuildEnvironment(const std::map<std::string, std::strin
     if (args.count(key) == 0)
       env.emplace_back(*entry);
   }
-  for (const auto& [key, value] : args)
-    env.push_back(key + "=" + value);
+  for (const auto& [key, value] : args) {
+    std::string entry = key;
+    entry += '=';
+    entry += value;
+    env.push_back(std::move(entry));
+  }
   return env;
 }
 

@@ -15,14 +15,16 @@ done
 soname=$(objdump -p "$lib/libveskdbud.so" | awk '/SONAME/ {print $2}')
 [[ $soname == libveskdbud.so.0 ]] || { echo "unexpected soname: $soname"; exit 1; }
 
+# CONSUMER_CXXFLAGS: extra flags for both consumers (the sanitizer build passes its own).
+extra=${CONSUMER_CXXFLAGS:-}
 export PKG_CONFIG_PATH="$lib/pkgconfig"
-# shellcheck disable=SC2046
-g++ -std=c++17 "$consumer/consumer.cpp" -o "$work/pc_consumer" \
+# shellcheck disable=SC2046,SC2086
+g++ -std=c++17 $extra "$consumer/consumer.cpp" -o "$work/pc_consumer" \
     $(pkg-config --cflags --libs veskdbud) -Wl,-rpath,"$lib"
 out=$("$work/pc_consumer")
 [[ $out == "a_b_db 7 38b060a7" ]] || { echo "pkg-config consumer printed: $out"; exit 1; }
 
-cmake -S "$consumer" -B "$work/cm" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -S "$consumer" -B "$work/cm" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS="$extra" >/dev/null
 cmake --build "$work/cm" >/dev/null
 out=$(LD_LIBRARY_PATH="$lib" "$work/cm/consumer")
 [[ $out == "a_b_db 7 38b060a7" ]] || { echo "cmake consumer printed: $out"; exit 1; }

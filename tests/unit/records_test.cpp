@@ -97,6 +97,34 @@ TEST(DiffInfo, BatchIsKeyedNumericallyAndFirstDuplicateWins) {
                std::invalid_argument);
 }
 
+TEST(Records, ArraysAndScalarsWhereAnObjectBelongsFailWithTheRecordsMessage) {
+  for (const char* text : {"[]", R"([{"data_version": "5"}])", "7", "-1.5", R"("text")", "true"}) {
+    const Json::Value value = Parse(text);
+    EXPECT_UPDATE_ERROR(RemoteInfo::FromJson(value), "Invalid json object for RemoteInfo");
+    EXPECT_UPDATE_ERROR(DiffInfo::FromJson(value), "Invalid json object for DiffInfo");
+    EXPECT_UPDATE_ERROR(FileStatus::FromJson(value), "Invalid json object for FileStatus");
+    EXPECT_UPDATE_ERROR(FileStatus::BatchFromJson(value), "Invalid json object for FileStatuses");
+    EXPECT_UPDATE_ERROR(DatabaseStatus::FromJson(value), "Invalid json object for DatabaseStatus");
+  }
+  // Nested: a diff entry or a file entry that is not an object.
+  EXPECT_UPDATE_ERROR(DiffInfo::BatchFromJson(Parse(R"({"3": "x"})")),
+                      "Invalid json object for DiffInfo");
+  EXPECT_UPDATE_ERROR(DiffInfo::BatchFromJson(Parse(R"({"3": [1]})")),
+                      "Invalid json object for DiffInfo");
+  EXPECT_UPDATE_ERROR(FileStatus::BatchFromJson(Parse(R"({"a.db": 5})")),
+                      "Invalid json object for FileStatus");
+  EXPECT_UPDATE_ERROR(DatabaseStatus::FromJson(Parse(R"({"data_version": "4", "last_fetch_time": 9,
+                                                         "file_statuses": {"f": null}})")),
+                      "Invalid json object for FileStatus");
+}
+
+TEST(DiffInfo, BatchOfAScalarIsEmptyAndOfAnArrayFailsOnTheNamelessEntry) {
+  EXPECT_TRUE(DiffInfo::BatchFromJson(Parse("5")).empty());
+  EXPECT_TRUE(DiffInfo::BatchFromJson(Parse("[]")).empty());
+  EXPECT_THROW(DiffInfo::BatchFromJson(Parse(R"([{"download_link": "u", "file_size": 1}])")),
+               std::invalid_argument);
+}
+
 TEST(FileStatus, ComparisonIsExactAndCaseSensitive) {
   EXPECT_TRUE(FileStatus{"ab"} == FileStatus{"ab"});
   EXPECT_TRUE(FileStatus{"ab"} != FileStatus{"AB"});

@@ -83,6 +83,15 @@ TEST_F(IOUtilsTest, ReadJsonDistinguishesMissingUnreadableAndUndecodable) {
   EXPECT_EQ(io.ReadJson(dir / "ok.json")["a"]["b"].asInt(), 1);
 }
 
+TEST_F(IOUtilsTest, ReadJsonOfNestingDeeperThanTheReaderAllowsIsADecodeFailure) {
+  // The JSON reader throws its own exception past 1000 levels; ReadJson reports
+  // that document like any other it cannot decode.
+  WriteFile(dir / "deep.json", std::string(1001, '[') + std::string(1001, ']'));
+  EXPECT_UPDATE_ERROR(io.ReadJson(dir / "deep.json"), "Fail to decode: " + (dir / "deep.json"));
+  WriteFile(dir / "nested.json", std::string(900, '[') + std::string(900, ']'));
+  EXPECT_TRUE(io.ReadJson(dir / "nested.json").isArray());
+}
+
 TEST_F(IOUtilsTest, ReadJsonOfUnreadableFileIsAReadFailure) {
   if (geteuid() == 0)
     GTEST_SKIP() << "root reads files whatever their mode";

@@ -10,14 +10,14 @@ namespace vesk::publish {
 // True when the file begins with the 16-byte SQLite header "SQLite format 3\0".
 bool IsSqliteFile(const std::string& path);
 
-// Writes to `out` the statements turning `old_db` into `new_db`, made by sqldiff.
-// Statements that sqldiff spreads over several lines (it breaks text at embedded
-// newlines) are joined with a space. The result is then proven by applying it
-// line by line to a copy of `old_db` in `scratch` and comparing that with
-// `new_db` (no sqldiff difference, same schema, same user_version and
-// application_id). False, with the reason in `why`, when any step fails: the
+// Writes to `out` the statements turning `old_source` into `new_source`, made by
+// sqldiff. Statements that sqldiff spreads over several lines (it breaks text at
+// embedded newlines) are joined with a space. The result is then proven by
+// applying it line by line to a copy of `old_source` in `scratch` and comparing
+// that with `new_source` (no sqldiff difference, same schema, same user_version
+// and application_id). False, with the reason in `why`, when any step fails: the
 // caller then carries the file another way.
-bool MakeSqliteDiff(const std::string& old_db, const std::string& new_db, const std::string& out,
-                    const std::string& scratch, std::string* why);
+bool MakeSqliteDiff(const std::string& old_source, const std::string& new_source,
+                    const std::string& out, const std::string& scratch, std::string* why);
 
 }  // namespace vesk::publish
