@@ -109,7 +109,7 @@ int ParseVersion(const std::string& text) {
 }  // namespace
 
 std::string OneOrAll(const Args& args) {
-  const std::string id = args.Operand(0);
+  std::string id = args.Operand(0);
   if (!id.empty() && args.Has("--all")) {
     throw CliError(kExitUsage, args.command +
                                    ": give a database ID or --all, not both (see "
