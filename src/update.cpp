@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
@@ -100,6 +101,30 @@ Json::Value RefreshCache(const IOUtils& io, const std::string& url, const std::s
   return document;
 }
 
+// The member `key` of `value`, null when `value` is not an object: the JSON
+// library's const operator[] throws on arrays and scalars, so a document of
+// the wrong shape reads as one that lacks the member.
+const Json::Value& MemberOf(const Json::Value& value, const std::string& key) {
+  static const Json::Value kNull;
+  return value.isObject() ? value[key] : kNull;
+}
+
+// Runs a record reader on a document from outside; what it throws other than
+// UpdateError (a number that does not fit, a member of the wrong kind) is the
+// record's own "Invalid json object for <record>" error.
+template <typename Read>
+auto ReadRecord(const char* record, Read read) -> decltype(read()) {
+  try {
+    return read();
+  } catch (const UpdateError&) {
+    throw;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    throw UpdateError(std::string("Invalid json object for ") + record);
+  }
+}
+
 // Every occurrence of `from` replaced by `to`, resuming after each inserted text.
 std::string ReplaceAll(std::string text, const std::string& from, const std::string& to) {
   if (from.empty())
@@ -160,23 +185,33 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
 
 RemoteInfo InfoGetter::GetRemoteInfo(const std::string& id) const {
   const Json::Value document = GetDatabaseInfo();
-  Json::Value entry = document["db_list"][id];
-  const Json::Value& global = document["deprecated"];
+  Json::Value entry = MemberOf(MemberOf(document, "db_list"), id);
+  if (!entry.isObject() && !entry.isNull())
+    throw UpdateError("Invalid json object for RemoteInfo");
+  const Json::Value& global = MemberOf(document, "deprecated");
   const bool globally_deprecated = global.isConvertibleTo(Json::booleanValue) && global.asBool();
   // A top-level true always wins; an entry's own value stands otherwise.
   if (globally_deprecated || !entry.isMember("deprecated"))
     entry["deprecated"] = global;
-  return RemoteInfo::FromJson(entry);
+  return ReadRecord("RemoteInfo", [&entry] { return RemoteInfo::FromJson(entry); });
 }
 
 std::map<int, DiffInfo> InfoGetter::GetDiffInfos(const std::string& id) const {
   const Json::Value document = GetDatabaseInfo();
-  return DiffInfo::BatchFromJson(document["db_list"][id]["diff_files"]);
+  const Json::Value& files = MemberOf(MemberOf(MemberOf(document, "db_list"), id), "diff_files");
+  return ReadRecord("DiffInfo", [&files] { return DiffInfo::BatchFromJson(files); });
 }
 
 DatabaseStatus InfoGetter::GetDatabaseStatus(const std::string& id) const {
+  const std::string path = StatusPath(id);
   try {
-    return DatabaseStatus::FromJson(io_->ReadJson(StatusPath(id)));
+    Json::Value json;
+    try {
+      json = io_->ReadJson(path);
+    } catch (const Json::Exception&) {
+      throw UpdateError("Fail to decode: " + path);  // the reader gave up on it
+    }
+    return ReadRecord("DatabaseStatus", [&json] { return DatabaseStatus::FromJson(json); });
   } catch (const UpdateError& e) {
     if (e.code() == UpdateError::kFileNotExist) {
       log::Write(log::site::kStatusMissing, std::string(e.what()));

@@ -208,4 +208,160 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
   EXPECT_EQ(ReadFile(prefix + odd), "new");
 }
 
+// `depth` nested arrays around `inner`.
+std::string Nested(size_t depth, const std::string& inner) {
+  return std::string(depth, '[') + inner + std::string(depth, ']');
+}
+
+// Database-info, status and configuration documents of the wrong shape, too
+// deep, too large or holding numbers out of range. The database-info document
+// and the status are checked through UpdateProject, the configuration through
+// every reader of it (the update, the checker, the outside reader's lock and
+// Config itself). No call may crash or let anything but UpdateError out.
+TEST_F(HostileInputTest, DocumentsOfTheWrongShapeSizeOrRangeFailClearly) {
+  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+  Release("db1", 0);
+  ASSERT_EQ(repo.Publish(), 0);
+  Service service;
+  service.update.UpdateProject("db1");
+  const std::string installed = ReadFile(StatusPath("db1"));
+  const std::string document = repo.out_dir() + "/database_info/v1";
+  const std::string good = ReadFile(document);
+  const Json::Value info = repo.Info();
+  const auto with = [&info](const std::function<void(Json::Value&)>& change) {
+    Json::Value copy = info;
+    change(copy);
+    return copy.toStyledString();
+  };
+  const std::string remote_invalid = "Invalid json object for RemoteInfo";
+  const std::string diff_invalid = "Invalid json object for DiffInfo";
+  const std::string undecodable = "Fail to decode: " + Cache() + ".tmp";
+  std::string huge = "{\"db_list\": {";
+  for (int i = 0; i < 60000; ++i)
+    huge += "\"other" + std::to_string(i) + "\": {\"data_version\": \"1\", \"pad\": \"" +
+            std::string(100, 'p') + "\"}, ";
+  huge += "\"db1\": " + info["db_list"]["db1"].toStyledString() + "}}";
+
+  struct Case {
+    std::string what;
+    std::string served;
+    std::string error;  // "" when the update is to succeed
+  };
+  const std::vector<Case> cases{
+      {"db_list an array", R"({"db_list": [1, 2]})", remote_invalid},
+      {"entry a string", R"({"db_list": {"db1": "latest"}})", remote_invalid},
+      {"entry deeply nested", R"({"db_list": {"db1": )" + Nested(900, "1") + "}}", remote_invalid},
+      {"version too large",
+       with([](Json::Value& v) { v["db_list"]["db1"]["data_version"] = "99999999999"; }),
+       remote_invalid},
+      {"version not a number",
+       with([](Json::Value& v) { v["db_list"]["db1"]["data_version"] = "latest"; }),
+       remote_invalid},
+      {"version a number",
+       with([](Json::Value& v) { v["db_list"]["db1"]["data_version"] = 7000001; }), remote_invalid},
+      {"fetch time out of range",
+       with([](Json::Value& v) { v["db_list"]["db1"]["last_fetch_time"] = 1e30; }), remote_invalid},
+      {"deprecated a string",
+       with([](Json::Value& v) { v["db_list"]["db1"]["deprecated"] = "yes"; }), remote_invalid},
+      {"diff list an array of records", with([](Json::Value& v) {
+         Json::Value list(Json::arrayValue);
+         list.append(v["db_list"]["db1"]["diff_files"]["7000001"]);
+         v["db_list"]["db1"]["diff_files"] = list;
+       }),
+       diff_invalid},
+      {"diff version not a number", with([](Json::Value& v) {
+         v["db_list"]["db1"]["diff_files"]["next"] = v["db_list"]["db1"]["diff_files"]["7000001"];
+       }),
+       diff_invalid},
+      {"diff version too large", with([](Json::Value& v) {
+         v["db_list"]["db1"]["diff_files"]["99999999999"] =
+             v["db_list"]["db1"]["diff_files"]["7000001"];
+       }),
+       diff_invalid},
+      {"nested deeper than the reader allows", Nested(100000, ""), undecodable},
+      {"top level a number", "7000002", undecodable},
+      {"huge, with a usable entry", huge, ""},
+  };
+  // Each served version is one the installed one is not behind, except the
+  // huge one, which announces the same release: nothing to do.
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    WriteFile(document, c.served);
+    SetAge(Cache(), 3601 + 60);
+    log.Clear();
+    if (c.error.empty()) {
+      EXPECT_NO_THROW(service.update.UpdateProject("db1"));
+      EXPECT_TRUE(log.Contains("info: update.cpp:248 'db1' has been up to date"));
+    } else {
+      EXPECT_UPDATE_ERROR(service.update.UpdateProject("db1"), c.error);
+      EXPECT_TRUE(log.Contains("info: update.cpp:272 Update db1 fail: " + c.error));
+    }
+    EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
+  }
+  WriteFile(document, good);
+  SetAge(Cache(), 3601 + 60);
+
+  // Status files: anything unreadable is a database to install again.
+  const std::vector<std::pair<std::string, std::string>> statuses{
+      {"version too large", R"({"data_version": "99999999999", "last_fetch_time": 0})"},
+      {"version a number", R"({"data_version": 7000001, "last_fetch_time": 0})"},
+      {"a file status a string",
+       R"({"data_version": "7000001", "last_fetch_time": 0, "file_statuses": {"/a": "x"}})"},
+      {"top level an array", "[1, 2, 3]"},
+      {"nested deeper than the reader allows", Nested(100000, "")},
+  };
+  for (const auto& [what, status] : statuses) {
+    SCOPED_TRACE(what);
+    WriteFile(StatusPath("db1"), status);
+    log.Clear();
+    EXPECT_EQ(service.info->GetDatabaseStatus("db1").data_version, -1);
+    EXPECT_EQ(log.Matching("update.cpp:17").size(), 2u);
+    service.update.UpdateProject("db1");
+    EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
+  }
+
+  // Configuration: a local file or section of the wrong shape is ignored in
+  // favour of the default; a default of the wrong shape is reported.
+  const std::string local_service = sandbox.Path("/usr/vesk/etc/data_update/data_update.conf");
+  const std::string local_databases = sandbox.Path("/usr/vesk/etc/data_update/databases.conf");
+  const std::string default_databases = sandbox.Path("/usr/share/data_update/databases.conf");
+  const std::vector<std::pair<std::string, std::string>> locals{
+      {R"({"config": "volume2"})", R"({"db1": "no keys"})"},
+      {"[1, 2]", "[1, 2]"},
+      {"\"x\"", "\"x\""},
+      {Nested(100000, ""), Nested(100000, "")},
+  };
+  for (const auto& [local, databases] : locals) {
+    SCOPED_TRACE(local.substr(0, 20));
+    WriteFile(local_service, local);
+    WriteFile(local_databases, databases);
+    EXPECT_EQ(service.config->GetCurVolume(), volume);
+    EXPECT_EQ(service.config->GetDatabaseIDs(), std::vector<std::string>{"db1"});
+    EXPECT_FALSE(service.checker.IsUpdating("db1"));
+    const int fd = VESKDBUDGetFileLock("db1", 0);
+    EXPECT_GE(fd, 0);
+    VESKDBUDReleaseFileLock(fd);
+    service.update.UpdateProject("db1");
+    EXPECT_TRUE(log.Contains("info: update.cpp:248 'db1' has been up to date"));
+    // A set replaces what held no keys.
+    service.config->SetCurVolume(volume);
+    EXPECT_EQ(service.io->ReadJson(local_service)["config"]["cur_volume"], volume);
+  }
+  fs::remove(local_databases);
+  const std::string saved = ReadFile(default_databases);
+  WriteFile(default_databases, R"({"db1": [1]})");
+  EXPECT_UPDATE_ERROR(service.config->GetDatabaseConfig("db1")->GetInstallPrefix(),
+                      "section-key: 'db1'-'install_dest' not found");
+  WriteFile(default_databases, "[\"db1\"]");
+  EXPECT_UPDATE_ERROR(service.config->GetDatabaseIDs(), "Fail to decode: " + default_databases);
+  EXPECT_UPDATE_ERROR(service.update.UpdateProject("db1"), "Fail to decode: " + default_databases);
+  EXPECT_EQ(VESKDBUDGetFileLock("db1", 0), -2);
+  WriteFile(default_databases, saved);
+
+  // Numbers out of range in the configuration read as absent.
+  WriteFile(local_databases, R"({"db1": {"min_rsv_space_inbytes": 1e400, "auto_update": 1}})");
+  EXPECT_EQ(service.config->GetDatabaseConfig("db1")->GetMinReservedSpaceInbytes(), 0u);
+  EXPECT_TRUE(service.config->GetDatabaseConfig("db1")->GetScheduled());
+}
+
 }  // namespace
