@@ -407,9 +407,15 @@ DiffStrategy::~DiffStrategy() {
       log::Write(log::site::kDiffClearPackageFailed, std::string(e.what()));
     }
   }
-  // The shared parent goes only when nothing else is left in it.
-  boost::system::error_code ignored;
-  fs::remove(TmpRoot(volume_), ignored);
+  // The whole temporary directory goes, as after the other strategies: every
+  // strategy runs under "update_any.lock", so whatever else is in it was left
+  // by a run that was killed (an extraction, a package), and would otherwise
+  // stay on the volume until a whole-package update or a repair.
+  try {
+    io.RmRf(TmpRoot(volume_));
+  } catch (const std::exception& e) {
+    log::Write(log::site::kDiffClearPackageFailed, std::string(e.what()));
+  }
 }
 
 bool DiffStrategy::_IsDiffUpdateAvailable() {
