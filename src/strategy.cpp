@@ -20,6 +20,7 @@
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "file_copy.h"
 #include "log_sites.h"
 #include "vesk/archive.h"
 #include "vesk/root.h"
@@ -348,7 +349,7 @@ void FullStrategy::ApplyUpdate() {
       }
       const fs::path target = fs::path(install_prefix_) / name;
       fs::create_directories(target.parent_path());
-      fs::copy_file(info.path, target, fs::copy_options::none);
+      CopyFileContents(info.path, target.string());
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
@@ -584,7 +585,7 @@ void DiffStrategy::ApplyUpdate() {
         continue;
       const fs::path installed = fs::path(install_prefix_) / name;
       fs::create_directories(installed.parent_path());
-      fs::copy_file(info.path, installed, fs::copy_options::none);
+      CopyFileContents(info.path, installed.string());
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to diff update: ") + e.what());

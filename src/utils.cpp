@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "dataupdate/error.h"
+#include "file_copy.h"
 #include "log_sites.h"
 #include "unique_fd.h"
 #include "vesk/fs.h"
@@ -247,8 +248,13 @@ void IOUtils::CopyFile(const std::string& from, const std::string& to) const {
       fs::create_directories(target.parent_path());
     if (fs::exists(fs::symlink_status(target)))
       fs::remove(target);
-    // A link is copied as a link, a directory as an empty directory.
-    fs::copy(from, target, fs::copy_options::copy_symlinks);
+    // A link is copied as a link, a directory as an empty directory; a regular
+    // file by reading and writing, which works between file systems too.
+    if (fs::is_regular_file(fs::symlink_status(from))) {
+      CopyFileContents(from, target.string());
+    } else {
+      fs::copy(from, target, fs::copy_options::copy_symlinks);
+    }
   } catch (const fs::filesystem_error& e) {
     throw UpdateError(
         (NoexceptFormat("Fail to copy from %s to %s: %s") % from % to % e.what()).str());
