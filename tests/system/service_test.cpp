@@ -296,6 +296,97 @@ TEST_F(ServiceFrontTest, EveryFailedRefreshKeepsTheLastGoodDocumentAndAsksAgain)
   EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
 }
 
+// The packages fail to arrive whole, in turn, while release 1 is installed
+// and release 2 announced: a diff package missing or broken falls back to the
+// whole package; the whole package refused (404, 500), cut off half-way every
+// time, garbled or truncated by the server fails the update with a clear error
+// while the installed files, the status and the volume stay as they were; a
+// connection cut or stalled once is retried by wget and the update succeeds.
+TEST_F(ServiceFrontTest, PackageDownloadFaultsFallBackOrFailAndLoseNothingInstalled) {
+  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+  Release("db1", 0);
+  Release("db1", 1);
+  ASSERT_EQ(repo.Publish(), 0);
+  service.update.UpdateProject("db1");
+  Release("db1", 2);
+  ASSERT_EQ(repo.Publish(), 0);
+  SetAge(Cache(), 3601 + 60);
+  const std::string installed = ReadFile(StatusPath("db1"));
+  const auto before = Snapshot(Prefix("db1"));
+  const RemoteInfo remote = repo.Remote("db1");
+  const std::string full = repo.out_dir() + "/db1/v" + std::to_string(kFirst + 2) + "/full.pkg";
+  const std::string diff = repo.out_dir() + "/db1/v" + std::to_string(kFirst + 2) + "/diff.pkg";
+  const std::string good_full = ReadFile(full);
+  const std::string good_diff = ReadFile(diff);
+  const std::string package = volume + "/@tmp/data_update/db1_" + std::to_string(kFirst + 2);
+  const std::string wget_failed = "Fail to wget url: " + remote.download_link;
+  const std::string unopenable = "veskarchive_open " + package + " failed, ret: ";
+
+  struct Fault {
+    std::string what;
+    std::string rules;
+    std::string full;   // what the whole package holds; "" as published
+    std::string diff;   // what the diff package holds; "" as published
+    std::string error;  // the update's error (a prefix); "" when it succeeds
+  };
+  const std::string cut_full = std::to_string(good_full.size() / 2);
+  const std::vector<Fault> faults{
+      {"whole package 404",
+       R"([{"match": "/full.pkg", "status": 404}, {"match": "/diff.pkg", "status": 404}])", "", "",
+       wget_failed},
+      {"whole package 500",
+       R"([{"match": "/full.pkg", "status": 500}, {"match": "/diff.pkg", "status": 500}])", "", "",
+       wget_failed},
+      {"whole package cut off every time",
+       R"([{"match": "/full.pkg", "cut": )" + cut_full +
+           R"(}, {"match": "/diff.pkg", "status": 404}])",
+       "", "", wget_failed},
+      {"whole package garbled", R"([{"match": "/diff.pkg", "status": 404}])",
+       std::string(good_full.size(), 'g'), "", unopenable},
+      {"whole package truncated", R"([{"match": "/diff.pkg", "status": 404}])",
+       good_full.substr(0, good_full.size() / 2), "", unopenable},
+      {"diff package missing", R"([{"match": "/diff.pkg", "status": 404}])", "", "", ""},
+      {"diff package garbled", "[]", "", std::string(good_diff.size(), 'g'), ""},
+      {"whole package cut off once",
+       R"([{"match": "/full.pkg", "cut": )" + cut_full +
+           R"(, "times": 1}, {"match": "/diff.pkg", "status": 404}])",
+       "", "", ""},
+      {"diff package stalled once, then closed",
+       R"([{"match": "/diff.pkg", "stall": 1, "stall_after": 100, "times": 1}])", "", "", ""},
+  };
+  for (const Fault& fault : faults) {
+    SCOPED_TRACE(fault.what);
+    repo.server().SetFaults(fault.rules);
+    WriteFile(full, fault.full.empty() ? good_full : fault.full);
+    WriteFile(diff, fault.diff.empty() ? good_diff : fault.diff);
+    log.Clear();
+    if (fault.error.empty()) {
+      service.update.UpdateProject("db1");
+      EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 2), true), "");
+      EXPECT_EQ(Status("db1")["data_version"], std::to_string(kFirst + 2));
+      // Back to release 1 for the next fault.
+      fs::remove_all(Prefix("db1"));
+      for (const auto& [name, content] : before)
+        WriteFile(Prefix("db1") + "/" + name, content);
+      WriteFile(StatusPath("db1"), installed);
+    } else {
+      try {
+        service.update.UpdateProject("db1");
+        ADD_FAILURE() << "no error";
+      } catch (const UpdateError& e) {
+        EXPECT_EQ(std::string(e.what()).rfind(fault.error, 0), 0u) << e.what();
+      }
+      EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
+      EXPECT_EQ(Snapshot(Prefix("db1")), before);
+      EXPECT_EQ(service.config->GetCurVolume(), volume);
+    }
+    const std::string tmp = volume + "/@tmp/data_update";
+    EXPECT_TRUE(!fs::exists(tmp) || fs::is_empty(tmp));
+  }
+  // wget's retry got the stalled diff package whole: no fallback.
+  EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
+}
+
 // One download serves every caller for an hour from the moment it was made,
 // however old the document already was on the server.
 TEST_F(ServiceFrontTest, CachedInfoServesForAnHourAfterTheDownload) {
