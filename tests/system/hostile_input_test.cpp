@@ -169,6 +169,8 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
       {"index a string", "\"/readme.txt\"",
        "Diff update fail, try full update: Invalid patch infos: " + delta_dir +
            "/patch_infos.json"},
+      {"index nested deeper than the reader allows", std::string(50000, '[') + "]",
+       "Diff update fail, try full update: Fail to decode: " + delta_dir + "/patch_infos.json"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
