@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int kMany = 300;  // small files that make the extraction and the copies last
+constexpr int kMany = 150;  // small files that make the extraction and the copies last
 
 uintmax_t SizeOf(const std::string& path) {
   boost::system::error_code ec;
