@@ -53,16 +53,15 @@ void CopyFileContents(const std::string& from, const std::string& to) {
 
   std::vector<char> block(kBlock);
   int error = 0;
-  while (error == 0) {
+  for (;;) {
     const ssize_t n = ::read(in.get(), block.data(), block.size());
     if (n < 0 && errno == EINTR)
       continue;
-    if (n < 0) {
-      error = errno;
-    } else if (n == 0) {
+    if (n == 0)
       break;
-    } else if (!WriteAll(out.get(), block.data(), static_cast<size_t>(n))) {
+    if (n < 0 || !WriteAll(out.get(), block.data(), static_cast<size_t>(n))) {
       error = errno;
+      break;
     }
   }
   if (error == 0 && ::close(out.release()) != 0)
