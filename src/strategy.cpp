@@ -339,9 +339,11 @@ void FullStrategy::ApplyUpdate() {
   bool not_override = false;
   try {
     FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
-    CheckTargetsInside(modify_infos_, install_prefix_);
     io.IterateDirectory(
         install_prefix_, [&io](const std::string& path) { io.RmRf(path); }, false);
+    // After the emptying, which removes links (not what they point to), so a
+    // link left in the directory cannot block the reinstall that removes it.
+    CheckTargetsInside(modify_infos_, install_prefix_);
     for (const auto& [name, info] : modify_infos_) {
       if (info.operation != ModifyInfo::kOverride) {
         not_override = true;

@@ -208,6 +208,42 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
   Updater().Update("db1", one, repo.Remote("db1"), diffs, volume, prefix, volume);
   EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
   EXPECT_EQ(ReadFile(prefix + odd), "new");
+
+  // A link in the install directory leading out: a diff writing below it is
+  // refused, and the whole package, which empties the directory (removing the
+  // link, not what it points to), is installed instead.
+  const std::string outside = sandbox / "outside";
+  fs::create_directories(outside);
+  fs::remove_all(prefix + "/sub");
+  fs::create_symlink(outside, prefix + "/sub");
+  const auto below_link =
+      CraftedDiff(2, {FileEntry("patch_infos.json", entry("/sub/table.txt", "create", "new.txt")),
+                      FileEntry("new.txt", "new")});
+  log.Clear();
+  Updater().Update("db1", one, repo.Remote("db1"), below_link, volume, prefix, volume);
+  EXPECT_EQ(
+      log.Matching("Diff update fail"),
+      std::vector<std::string>{"warning: updater.cpp:83 " + Refused("/sub/table.txt",
+                                                                    "it leads outside the install "
+                                                                    "directory through a link")});
+  EXPECT_TRUE(fs::is_empty(outside));
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2)), "");
+
+  // The same link made after the preparation, by the pre-update plug-in, to a
+  // directory holding a file of that name: the replacement checks again and
+  // refuses before it removes or writes anything.
+  WriteFile(outside + "/table.txt", "not the database's");
+  const std::string plugin =
+      sandbox.Path("/usr/vesk/lib/plugins/database_autoupdate/version_change/10-link");
+  WriteFile(plugin, "#!/bin/sh\n[ \"$1\" = 4 ] || exit 0\nrm -rf " + ShellQuote(prefix + "/sub") +
+                        " && ln -s " + ShellQuote(outside) + " " + ShellQuote(prefix + "/sub") +
+                        "\n");
+  ASSERT_EQ(Shell("chmod +x " + ShellQuote(plugin)), 0);
+  EXPECT_UPDATE_ERROR(
+      Updater().Update("db1", one, repo.Remote("db1"), below_link, volume, prefix, volume),
+      "Fail to diff update: Refused to write outside the install directory: " + prefix +
+          "/sub/table.txt");
+  EXPECT_EQ(ReadFile(outside + "/table.txt"), "not the database's");
 }
 
 // `depth` nested arrays around `inner`.
