@@ -28,10 +28,33 @@ constexpr char kOnRootfs[] = "%ROOTFS%";
 constexpr char kVolumeDatabases[] = "%s/@database/autoupdate";
 
 // Const member access: a missing section or key reads as null and nothing is
-// added to `root`.
+// added to `root`. A file or a section that is not an object has no keys (the
+// JSON library's const operator[] would throw on it).
 const Json::Value& Lookup(const Json::Value& root, const std::string& section,
                           const std::string& key) {
-  return root[section][key];
+  static const Json::Value kNull;
+  if (!root.isObject())
+    return kNull;
+  const Json::Value& members = root[section];
+  return members.isObject() ? members[key] : kNull;
+}
+
+// A configuration file as the JSON library reads it; one it gives up on (such
+// as nesting deeper than it allows) is undecodable like any other.
+Json::Value ReadDocument(const IOUtils& io, const std::string& path) {
+  try {
+    return io.ReadJson(path);
+  } catch (const Json::Exception&) {
+    throw UpdateError("Fail to decode: " + path);
+  }
+}
+
+// A file whose top level is not an object holds no sections.
+Json::Value ReadSections(const IOUtils& io, const std::string& path) {
+  Json::Value root = ReadDocument(io, path);
+  if (!root.isObject())
+    throw UpdateError("Fail to decode: " + path);
+  return root;
 }
 
 Json::Value ToJson(const std::string& value) {
@@ -76,7 +99,7 @@ T Config::GetAs(const Json::Value& value) const {
 template <typename T>
 T Config::__Get(const std::string& section, const std::string& key) const {
   try {
-    const Json::Value local = io_->ReadJson(local_path_);
+    const Json::Value local = ReadDocument(*io_, local_path_);
     const Json::Value& value = Lookup(local, section, key);
     if (!value.isNull())
       return GetAs<T>(value);
@@ -84,7 +107,7 @@ T Config::__Get(const std::string& section, const std::string& key) const {
     // A local file that is missing, unreadable or corrupt, or a local value of
     // the wrong type, is not an error: the default file decides.
   }
-  const Json::Value fallback = io_->ReadJson(default_path_);
+  const Json::Value fallback = ReadDocument(*io_, default_path_);
   const Json::Value& value = Lookup(fallback, section, key);
   if (value.isNull()) {
     throw UpdateError((NoexceptFormat("section-key: '%s'-'%s' not found") % section % key).str());
@@ -98,11 +121,13 @@ void Config::__Set(const std::string& section, const std::string& key, const T& 
   FileLock lock(RootPath(kConfigLock), kConfigLockTimeout);
   Json::Value root(Json::objectValue);
   try {
-    root = io_->ReadJson(local_path_);
+    root = ReadSections(*io_, local_path_);
   } catch (const UpdateError&) {
     // No local file yet, or a corrupt one: it is replaced by the new value alone.
     root = Json::Value(Json::objectValue);
   }
+  if (!root[section].isObject())
+    root[section] = Json::Value(Json::objectValue);  // a section that held no keys
   root[section][key] = ToJson(value);
   try {
     io_->WriteJson(local_path_, root);
@@ -157,9 +182,9 @@ void Config::Set(const std::string& section, const std::string& key, bool value)
 std::vector<std::string> Config::GetSections() const {
   Json::Value root;
   try {
-    root = io_->ReadJson(local_path_);
+    root = ReadSections(*io_, local_path_);
   } catch (const UpdateError&) {
-    root = io_->ReadJson(default_path_);
+    root = ReadSections(*io_, default_path_);
   }
   return root.getMemberNames();
 }

@@ -1,18 +1,26 @@
 #include "dataupdate/strategy.h"
 
 #include <errno.h>
+#include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Transaction.h>
+#include <json/value.h>
+#include <sqlite3.h>
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <memory>
+#include <vector>
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/io_utils.h"
+#include "file_copy.h"
 #include "log_sites.h"
 #include "vesk/archive.h"
 #include "vesk/root.h"
@@ -43,6 +51,164 @@ std::string UsingLockPath(const std::string& id) {
 void FreshDirectory(const IOUtils& io, const std::string& path) {
   io.RmRf(path);
   io.VeskMkdir(path);
+}
+
+// ------------------------------------------------ names from a package's index
+
+// A name as messages show it: control bytes and "\" escaped, at most 200 bytes.
+std::string Shown(const std::string& name) {
+  constexpr size_t kLimit = 200;
+  std::string shown;
+  for (size_t i = 0; i < name.size() && i < kLimit; ++i) {
+    const auto c = static_cast<unsigned char>(name[i]);
+    if (c < 0x20 || c == 0x7f || c == '\\') {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02x", c);
+      shown += hex;
+    } else {
+      shown += static_cast<char>(c);
+    }
+  }
+  return name.size() > kLimit ? shown + "..." : shown;
+}
+
+std::vector<std::string> Components(const std::string& relative) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  while (true) {
+    const size_t end = relative.find('/', start);
+    parts.push_back(relative.substr(start, end == std::string::npos ? end : end - start));
+    if (end == std::string::npos)
+      return parts;
+    start = end + 1;
+  }
+}
+
+enum class NameProblem { kNone, kNul, kTooLong, kBadComponent };
+
+// Whether `relative` names something strictly below a directory by plain
+// components: no NUL, no empty, "." or ".." component, within NAME_MAX per
+// component and PATH_MAX in all.
+NameProblem CheckRelativeName(const std::string& relative) {
+  if (relative.find('\0') != std::string::npos)
+    return NameProblem::kNul;
+  if (relative.size() >= PATH_MAX)
+    return NameProblem::kTooLong;
+  bool too_long = false;
+  for (const std::string& part : Components(relative)) {
+    if (part.empty() || part == "." || part == "..")
+      return NameProblem::kBadComponent;
+    too_long = too_long || part.size() > NAME_MAX;
+  }
+  return too_long ? NameProblem::kTooLong : NameProblem::kNone;
+}
+
+// Whether `path`, with every link in its existing part resolved, lies inside
+// the directory `base` (itself resolved). Missing trailing parts are taken as
+// they are written; they hold no ".." (the names were checked first).
+bool ResolvesInside(const std::string& path, const std::string& base) {
+  boost::system::error_code ec;
+  const fs::path root = fs::weakly_canonical(base, ec);
+  if (ec)
+    return false;
+  const fs::path resolved = fs::weakly_canonical(path, ec);
+  if (ec)
+    return false;
+  const auto parts = [](const fs::path& p) {
+    std::vector<std::string> names;
+    for (const fs::path& part : p) {
+      if (part != "." && !part.empty())
+        names.push_back(part.string());
+    }
+    return names;
+  };
+  const std::vector<std::string> outer = parts(root);
+  const std::vector<std::string> inner = parts(resolved);
+  return inner.size() > outer.size() && std::equal(outer.begin(), outer.end(), inner.begin());
+}
+
+// Before ApplyUpdate writes or removes anything: every target lies inside the
+// install directory, also through links already there.
+void CheckTargetsInside(const std::map<std::string, ModifyInfo>& infos,
+                        const std::string& install_prefix) {
+  for (const auto& entry : infos) {
+    const std::string& name = entry.first;
+    const std::string relative = !name.empty() && name[0] == '/' ? name.substr(1) : name;
+    const std::string target = (fs::path(install_prefix) / name).string();
+    if (CheckRelativeName(relative) != NameProblem::kNone ||
+        !ResolvesInside(target, install_prefix)) {
+      throw UpdateError("Refused to write outside the install directory: " + Shown(target));
+    }
+  }
+}
+
+// Every entry of one version's "patch_infos.json", checked before any of them
+// is applied: an object of objects with string "operation" and "input_file";
+// a name that begins with "/" and stays below the install directory, also
+// through links; for "create" and "update", an input that is a regular file
+// below the extracted package; and no two names sharing one temporary file.
+void CheckPatchInfos(const Json::Value& patch_infos, const std::string& index_path,
+                     const std::string& delta_dir, const std::string& install_prefix,
+                     const std::map<std::string, ModifyInfo>& earlier) {
+  if (!patch_infos.isObject())
+    throw UpdateError("Invalid patch infos: " + index_path);
+  std::map<std::string, std::string> flat_owner;
+  for (const auto& entry : earlier)
+    flat_owner.emplace(FlatFileName(entry.first), entry.first);
+
+  for (const std::string& name : patch_infos.getMemberNames()) {
+    const auto refuse = [&name](const std::string& reason) {
+      return UpdateError("Invalid patch info for " + Shown(name) + ": " + reason);
+    };
+    const Json::Value& info = patch_infos[name];
+    if (!info.isObject())
+      throw refuse("not an object");
+    if (!info["operation"].isString())
+      throw refuse("\"operation\" is not a string");
+    if (!info["input_file"].isString())
+      throw refuse("\"input_file\" is not a string");
+
+    if (name.find('\0') != std::string::npos)
+      throw refuse("NUL in the name");
+    if (name.empty() || name[0] != '/')
+      throw refuse("the name must begin with \"/\"");
+    switch (install_prefix.size() + name.size() >= PATH_MAX ? NameProblem::kTooLong
+                                                            : CheckRelativeName(name.substr(1))) {
+      case NameProblem::kNone:
+        break;
+      case NameProblem::kNul:
+        throw refuse("NUL in the name");
+      case NameProblem::kTooLong:
+        throw refuse("name longer than the system allows");
+      case NameProblem::kBadComponent:
+        throw refuse("empty, \".\" or \"..\" component in the name");
+    }
+    if (!ResolvesInside(install_prefix + name, install_prefix))
+      throw refuse("it leads outside the install directory through a link");
+
+    const std::string operation = info["operation"].asString();
+    if (operation == "create" || operation == "update") {
+      const std::string input = info["input_file"].asString();
+      if (input.empty() || input[0] == '/' || CheckRelativeName(input) != NameProblem::kNone ||
+          delta_dir.size() + 1 + input.size() >= PATH_MAX) {
+        throw refuse("\"input_file\" must be a relative name inside the package");
+      }
+      std::string walked = delta_dir;
+      for (const std::string& part : Components(input)) {
+        walked += "/" + part;
+        struct stat st;
+        const bool last = walked.size() == delta_dir.size() + 1 + input.size();
+        if (lstat(walked.c_str(), &st) != 0 || S_ISLNK(st.st_mode) ||
+            (last ? !S_ISREG(st.st_mode) : !S_ISDIR(st.st_mode))) {
+          throw refuse("\"input_file\" is not a regular file in the package");
+        }
+      }
+    }
+
+    const auto [owner, added] = flat_owner.emplace(FlatFileName(name), name);
+    if (!added && owner->second != name)
+      throw refuse("its temporary file is also that of " + Shown(owner->second));
+  }
 }
 
 }  // namespace
@@ -175,6 +341,9 @@ void FullStrategy::ApplyUpdate() {
     FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
     io.IterateDirectory(
         install_prefix_, [&io](const std::string& path) { io.RmRf(path); }, false);
+    // After the emptying, which removes links (not what they point to), so a
+    // link left in the directory cannot block the reinstall that removes it.
+    CheckTargetsInside(modify_infos_, install_prefix_);
     for (const auto& [name, info] : modify_infos_) {
       if (info.operation != ModifyInfo::kOverride) {
         not_override = true;
@@ -182,7 +351,7 @@ void FullStrategy::ApplyUpdate() {
       }
       const fs::path target = fs::path(install_prefix_) / name;
       fs::create_directories(target.parent_path());
-      fs::copy_file(info.path, target, fs::copy_options::none);
+      CopyFileContents(info.path, target.string());
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
@@ -241,9 +410,15 @@ DiffStrategy::~DiffStrategy() {
       log::Write(log::site::kDiffClearPackageFailed, std::string(e.what()));
     }
   }
-  // The shared parent goes only when nothing else is left in it.
-  boost::system::error_code ignored;
-  fs::remove(TmpRoot(volume_), ignored);
+  // The whole temporary directory goes, as after the other strategies: every
+  // strategy runs under "update_any.lock", so whatever else is in it was left
+  // by a run that was killed (an extraction, a package), and would otherwise
+  // stay on the volume until a whole-package update or a repair.
+  try {
+    io.RmRf(TmpRoot(volume_));
+  } catch (const std::exception& e) {
+    log::Write(log::site::kDiffClearPackageFailed, std::string(e.what()));
+  }
 }
 
 bool DiffStrategy::_IsDiffUpdateAvailable() {
@@ -289,7 +464,15 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
   io.Download(package, diff.download_link);
   _ExtractTarballTo(package, delta_dir);
 
-  const Json::Value patch_infos = io.ReadJson(delta_dir + "/patch_infos.json");
+  const std::string index_path = delta_dir + "/patch_infos.json";
+  Json::Value patch_infos;
+  try {
+    patch_infos = io.ReadJson(index_path);
+  } catch (const Json::Exception&) {
+    throw UpdateError("Fail to decode: " + index_path);
+  }
+  // Nothing of this version is applied unless all of it is acceptable.
+  CheckPatchInfos(patch_infos, index_path, delta_dir, install_prefix_, modify_infos_);
   for (const std::string& name : patch_infos.getMemberNames()) {
     const Json::Value& entry = patch_infos[name];
     _PatchFile(name, entry["operation"].asString(),
@@ -348,9 +531,21 @@ void DiffStrategy::_DoVcPatch(const std::string& target, const std::string& delt
     throw UpdateError("Failt to delete " + output);
 }
 
+namespace {
+
+// The SQL of a diff changes its own database only: attaching another file (also
+// the way VACUUM INTO writes one) would let a package write any SQLite file or
+// empty file on the system.
+int OwnDatabaseOnly(void*, int action, const char*, const char*, const char*, const char*) {
+  return action == SQLITE_ATTACH || action == SQLITE_DETACH ? SQLITE_DENY : SQLITE_OK;
+}
+
+}  // namespace
+
 void DiffStrategy::_DoSqlitePatch(const std::string& database_file, const std::string& diff_file) {
   try {
     SQLite::Database db(database_file, SQLite::OPEN_READWRITE);
+    sqlite3_set_authorizer(db.getHandle(), OwnDatabaseOnly, nullptr);
     SQLite::Transaction transaction(db);
     std::ifstream in(diff_file);
     // A missing input would otherwise commit an empty change as success.
@@ -381,6 +576,7 @@ long long DiffStrategy::GetDeltaSize() const {
 void DiffStrategy::ApplyUpdate() {
   try {
     FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
+    CheckTargetsInside(modify_infos_, install_prefix_);
     for (const auto& entry : modify_infos_) {
       const fs::path installed = fs::path(install_prefix_) / entry.first;
       if (fs::exists(fs::symlink_status(installed)))
@@ -391,7 +587,7 @@ void DiffStrategy::ApplyUpdate() {
         continue;
       const fs::path installed = fs::path(install_prefix_) / name;
       fs::create_directories(installed.parent_path());
-      fs::copy_file(info.path, installed, fs::copy_options::none);
+      CopyFileContents(info.path, installed.string());
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to diff update: ") + e.what());

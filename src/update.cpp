@@ -2,14 +2,18 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <new>
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/volume_handler.h"
 #include "log_sites.h"
+#include "unique_fd.h"
 #include "vesk/crypto_hwid.h"
 #include "vesk/root.h"
 #include "vlib/vlibc.h"
@@ -53,6 +57,72 @@ std::string MachineIdentity() {
 // brings the next refresh forward, so it is not an error.
 void MarkDownloadedNow(const std::string& path) {
   static_cast<void>(utimensat(AT_FDCWD, path.c_str(), nullptr, 0));
+}
+
+// Removes a file when it goes out of scope, unless Keep() was called.
+class RemoveUnlessKept {
+ public:
+  explicit RemoveUnlessKept(std::string path) : path_(std::move(path)) {}
+  ~RemoveUnlessKept() {
+    if (!path_.empty())
+      ::unlink(path_.c_str());
+  }
+  RemoveUnlessKept(const RemoveUnlessKept&) = delete;
+  RemoveUnlessKept& operator=(const RemoveUnlessKept&) = delete;
+  void Keep() { path_.clear(); }
+
+ private:
+  std::string path_;
+};
+
+// The refresh downloads beside the cache and renames the new document over it
+// only once it reads as a JSON object, so a failed or garbled download leaves
+// the last good document on disk (not consulted for this call: the error is the
+// caller's). Called with the refresh lock held.
+Json::Value RefreshCache(const IOUtils& io, const std::string& url, const std::string& cache) {
+  const std::string fresh = cache + ".tmp";
+  RemoveUnlessKept cleanup(fresh);
+  io.Download(fresh, url);
+  Json::Value document;
+  try {
+    document = io.ReadJson(fresh);
+  } catch (const Json::Exception&) {
+    document = Json::Value();  // the reader gave up on it: not a document either
+  }
+  if (!document.isObject())
+    throw UpdateError("Fail to decode: " + fresh);
+  MarkDownloadedNow(fresh);
+  // On the disk before it replaces the old one: a power cut must not leave an
+  // empty cache that would fail every update for an hour.
+  UniqueFd fd(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd || fsync(fd.get()) != 0 || std::rename(fresh.c_str(), cache.c_str()) != 0)
+    throw UpdateError("Fail to write: " + cache);
+  cleanup.Keep();
+  return document;
+}
+
+// The member `key` of `value`, null when `value` is not an object: the JSON
+// library's const operator[] throws on arrays and scalars, so a document of
+// the wrong shape reads as one that lacks the member.
+const Json::Value& MemberOf(const Json::Value& value, const std::string& key) {
+  static const Json::Value kNull;
+  return value.isObject() ? value[key] : kNull;
+}
+
+// Runs a record reader on a document from outside; what it throws other than
+// UpdateError (a number that does not fit, a member of the wrong kind) is the
+// record's own "Invalid json object for <record>" error.
+template <typename Read>
+auto ReadRecord(const char* record, Read read) -> decltype(read()) {
+  try {
+    return read();
+  } catch (const UpdateError&) {
+    throw;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    throw UpdateError(std::string("Invalid json object for ") + record);
+  }
 }
 
 // Every occurrence of `from` replaced by `to`, resuming after each inserted text.
@@ -101,12 +171,10 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
   const std::string cache = platform::RootPath("/var/cache/data_update/database_info.json");
   try {
     io_->VeskMkdir(platform::RootPath("/var/cache/data_update"));
-    // Held while reading too, so a reader never sees a half-downloaded document.
+    // Held while reading too, so a reader never sees a half-replaced document.
     FileLock lock(platform::RootPath("/run/data_update/fresh_info.lock"), kLockTimeout);
-    if (VLIBCFileExist(cache.c_str()) == 0 || io_->FileCreateOver(cache, kCacheMaxAge)) {
-      io_->Download(cache, GetDatabaseUrl());
-      MarkDownloadedNow(cache);
-    }
+    if (VLIBCFileExist(cache.c_str()) == 0 || io_->FileCreateOver(cache, kCacheMaxAge))
+      return RefreshCache(*io_, GetDatabaseUrl(), cache);
     return io_->ReadJson(cache);
   } catch (const UpdateError& e) {
     log::Write(log::site::kFreshInfoFailed);
@@ -117,23 +185,33 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
 
 RemoteInfo InfoGetter::GetRemoteInfo(const std::string& id) const {
   const Json::Value document = GetDatabaseInfo();
-  Json::Value entry = document["db_list"][id];
-  const Json::Value& global = document["deprecated"];
+  Json::Value entry = MemberOf(MemberOf(document, "db_list"), id);
+  if (!entry.isObject() && !entry.isNull())
+    throw UpdateError("Invalid json object for RemoteInfo");
+  const Json::Value& global = MemberOf(document, "deprecated");
   const bool globally_deprecated = global.isConvertibleTo(Json::booleanValue) && global.asBool();
   // A top-level true always wins; an entry's own value stands otherwise.
   if (globally_deprecated || !entry.isMember("deprecated"))
     entry["deprecated"] = global;
-  return RemoteInfo::FromJson(entry);
+  return ReadRecord("RemoteInfo", [&entry] { return RemoteInfo::FromJson(entry); });
 }
 
 std::map<int, DiffInfo> InfoGetter::GetDiffInfos(const std::string& id) const {
   const Json::Value document = GetDatabaseInfo();
-  return DiffInfo::BatchFromJson(document["db_list"][id]["diff_files"]);
+  const Json::Value& files = MemberOf(MemberOf(MemberOf(document, "db_list"), id), "diff_files");
+  return ReadRecord("DiffInfo", [&files] { return DiffInfo::BatchFromJson(files); });
 }
 
 DatabaseStatus InfoGetter::GetDatabaseStatus(const std::string& id) const {
+  const std::string path = StatusPath(id);
   try {
-    return DatabaseStatus::FromJson(io_->ReadJson(StatusPath(id)));
+    Json::Value json;
+    try {
+      json = io_->ReadJson(path);
+    } catch (const Json::Exception&) {
+      throw UpdateError("Fail to decode: " + path);  // the reader gave up on it
+    }
+    return ReadRecord("DatabaseStatus", [&json] { return DatabaseStatus::FromJson(json); });
   } catch (const UpdateError& e) {
     if (e.code() == UpdateError::kFileNotExist) {
       log::Write(log::site::kStatusMissing, std::string(e.what()));

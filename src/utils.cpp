@@ -2,21 +2,28 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <json/reader.h>
 #include <json/writer.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/filesystem.hpp>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "dataupdate/error.h"
+#include "file_copy.h"
 #include "log_sites.h"
+#include "unique_fd.h"
 #include "vesk/fs.h"
 #include "vlib/sysinfo.h"
 #include "vlib/vlibc.h"
@@ -43,6 +50,83 @@ constexpr std::streamsize kDigestBlock = std::streamsize{64} * 1024;
 bool PathMissing(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+// The file a write of `path` replaces: a symbolic link is written through, as
+// writing in place always did; a dangling one is replaced itself.
+std::string WriteTarget(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode))
+    return path;
+  std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
+  return resolved ? std::string(resolved.get()) : path;
+}
+
+bool WriteAll(int fd, const std::string& data) {
+  size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// A new file beside the target, created exclusively with mode 0666 less the
+// umask (what an ordinary create gives), removed again unless Commit() renamed
+// it over the target.
+class SiblingTempFile {
+ public:
+  explicit SiblingTempFile(const std::string& target) {
+    static std::atomic<unsigned> counter{0};
+    const fs::path where(target);
+    for (int attempt = 0; attempt < 100 && !fd_; ++attempt) {
+      const std::string name = "." + where.filename().string() + ".tmp-" +
+                               std::to_string(getpid()) + "-" + std::to_string(counter++);
+      path_ = (where.parent_path() / name).string();
+      fd_.reset(open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+      if (!fd_ && errno != EEXIST)
+        break;
+    }
+    if (!fd_)
+      path_.clear();
+  }
+  ~SiblingTempFile() {
+    fd_.reset();
+    if (!path_.empty())
+      ::unlink(path_.c_str());
+  }
+  SiblingTempFile(const SiblingTempFile&) = delete;
+  SiblingTempFile& operator=(const SiblingTempFile&) = delete;
+
+  explicit operator bool() const { return static_cast<bool>(fd_); }
+  int fd() const { return fd_.get(); }
+
+  // Flushes the data to the disk, then renames the file over `target`.
+  bool Commit(const std::string& target) {
+    if (fsync(fd_.get()) != 0 || ::close(fd_.release()) != 0)
+      return false;
+    if (std::rename(path_.c_str(), target.c_str()) != 0)
+      return false;
+    path_.clear();
+    return true;
+  }
+
+ private:
+  std::string path_;
+  UniqueFd fd_;
+};
+
+// Makes a rename in `dir` durable; a file system that cannot sync a directory
+// (EINVAL) has nothing more to do.
+bool SyncDirectory(const std::string& dir) {
+  UniqueFd fd(open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd)
+    return false;
+  return fsync(fd.get()) == 0 || errno == EINVAL;
 }
 
 }  // namespace
@@ -119,11 +203,27 @@ void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const
   } catch (const fs::filesystem_error&) {
     throw UpdateError("Fail to create parent folder: " + path);
   }
-  std::ofstream out(path, std::ios::out | std::ios::trunc);
-  if (!out.is_open())
+  std::ostringstream text;
+  Json::StyledStreamWriter("\t").write(text, value);
+
+  // A crash or a full disk part-way through must not leave a truncated file in
+  // place of the old one (a configuration would lose its current volume): the
+  // document goes to a new file beside the target, which is flushed and then
+  // renamed over it, and the directory is flushed after the rename.
+  const std::string target = WriteTarget(path);
+  SiblingTempFile temp(target);
+  if (!temp)
     throw UpdateError("Fail to write: " + path);
-  Json::StyledStreamWriter writer("\t");
-  writer.write(out, value);
+  struct stat old;
+  if (stat(target.c_str(), &old) == 0 && S_ISREG(old.st_mode)) {
+    // The replacement keeps the permissions and, where allowed, the owner.
+    static_cast<void>(fchmod(temp.fd(), old.st_mode & 07777));
+    static_cast<void>(fchown(temp.fd(), old.st_uid, old.st_gid));
+  }
+  if (!WriteAll(temp.fd(), text.str()) || !temp.Commit(target) ||
+      !SyncDirectory(fs::path(target).parent_path().string())) {
+    throw UpdateError("Fail to write: " + path);
+  }
 }
 
 bool IOUtils::FileCreateOver(const std::string& path, int seconds) const {
@@ -151,8 +251,13 @@ void IOUtils::CopyFile(const std::string& from, const std::string& to) const {
       fs::create_directories(target.parent_path());
     if (fs::exists(fs::symlink_status(target)))
       fs::remove(target);
-    // A link is copied as a link, a directory as an empty directory.
-    fs::copy(from, target, fs::copy_options::copy_symlinks);
+    // A link is copied as a link, a directory as an empty directory; a regular
+    // file by reading and writing, which works between file systems too.
+    if (fs::is_regular_file(fs::symlink_status(from))) {
+      CopyFileContents(from, target.string());
+    } else {
+      fs::copy(from, target, fs::copy_options::copy_symlinks);
+    }
   } catch (const fs::filesystem_error& e) {
     throw UpdateError(
         (NoexceptFormat("Fail to copy from %s to %s: %s") % from % to % e.what()).str());

@@ -31,6 +31,12 @@ class VESKDBUD_EXPORT IOUtils {
   virtual std::pair<std::int64_t, std::uint64_t> GetFsSize(const std::string& path) const;
   virtual Json::Value ReadJson(const std::string& path) const;
   // Writes `value` (styled, tab-indented), creating the parent directories.
+  // The document goes to a new file beside `path`, is flushed to the disk and
+  // renamed over `path` (then the directory is flushed), so a crash or a full
+  // disk leaves the old document or the new one, never a part; the replacement
+  // keeps the old file's mode, and a link is written through. Throws
+  // "Fail to create parent folder: " + path or "Fail to write: " + path (any
+  // error of the write itself included); on failure the old file is untouched.
   virtual void WriteJson(const std::string& path, const Json::Value& value) const;
   // True when `path` was last modified more than `seconds` ago.
   virtual bool FileCreateOver(const std::string& path, int seconds) const;

@@ -196,7 +196,10 @@ Status CopyData(struct archive* reader, struct archive* disk, const std::string&
       return {};
     if (r < ARCHIVE_WARN)
       return Fail(VESKARCHIVE_E_FORMAT, name + ": " + ArchiveError(reader, "bad entry data"));
-    if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_WARN)
+    // libarchive reports a failed write of data (a full disk) as a mere
+    // warning, then extends the file to its size with a hole at the end, which
+    // would pass for the whole file: any warning here is a failure.
+    if (archive_write_data_block(disk, block, size, offset) < ARCHIVE_OK)
       return Fail(VESKARCHIVE_E_WRITE, name + ": " + ArchiveError(disk, "write failed"));
   }
 }

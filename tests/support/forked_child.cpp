@@ -91,6 +91,16 @@ int ForkedChild::Wait(std::chrono::milliseconds timeout) {
   return -1;
 }
 
+bool ForkedChild::Kill() {
+  if (pid_ <= 0)
+    return false;
+  const bool running = kill(pid_, SIGKILL) == 0;
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+  return running && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
 Sandbox::Sandbox() : env_("VESKDBUD_ROOT", root_.path().c_str()) {}
 
 std::string Sandbox::Path(const std::string& fixed) const {

@@ -41,6 +41,9 @@ class ForkedChild {
   char Receive(std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
   // The child's exit status; -1 if it was killed or did not end within `timeout`.
   int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  // Sends SIGKILL and reaps the child; true when it was still running.
+  bool Kill();
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;

@@ -133,7 +133,8 @@ std::string Python() {
 
 }  // namespace
 
-HttpServer::HttpServer(const std::string& dir) : log_path_(log_dir_ / "requests.log") {
+HttpServer::HttpServer(const std::string& dir)
+    : log_path_(log_dir_ / "requests.log"), faults_path_(log_dir_ / "faults.json") {
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
@@ -148,7 +149,7 @@ HttpServer::HttpServer(const std::string& dir) : log_path_(log_dir_ / "requests.
     dup2(devnull, STDIN_FILENO);
     dup2(devnull, STDERR_FILENO);
     execlp(python.c_str(), python.c_str(), script.c_str(), "--dir", dir.c_str(), "--log",
-           log_path_.c_str(), static_cast<char*>(nullptr));
+           log_path_.c_str(), "--faults", faults_path_.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   close(out[1]);
@@ -184,6 +185,14 @@ std::vector<std::string> HttpServer::Requests() const {
   while (std::getline(in, line))
     lines.push_back(line);
   return lines;
+}
+
+void HttpServer::SetFaults(const std::string& rules) const {
+  // Renamed into place, so the server never reads half a list.
+  const std::string next = faults_path_ + ".next";
+  WriteFile(next, rules);
+  if (std::rename(next.c_str(), faults_path_.c_str()) != 0)
+    throw std::runtime_error("cannot set the server's faults");
 }
 
 int UnusedPort() {

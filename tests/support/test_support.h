@@ -74,10 +74,14 @@ class HttpServer {
   std::string url(const std::string& path) const;
   // Requests served so far, each as "GET /path".
   std::vector<std::string> Requests() const;
+  // Replaces the fault rules (a JSON list, see http_server.py); "[]" for none.
+  // The server reads them on each request, so they apply from the next one.
+  void SetFaults(const std::string& rules) const;
 
  private:
   TempDir log_dir_;
   std::string log_path_;
+  std::string faults_path_;
   pid_t pid_ = -1;
   int port_ = 0;
 };

@@ -216,6 +216,32 @@ TEST_F(EngineTest, UnsupportedDiffTypeFallsBackToFull) {
   EXPECT_TRUE(NoTemporaryFiles());
 }
 
+// "/a.b" and "/a_b" flatten to the same temporary file in the sum directory.
+// Changed together by a real publisher, both were installed with the content
+// of the last one applied, and the status recorded that as correct, so no
+// repair would ever notice; now the diff is refused and the whole package used.
+TEST_F(EngineTest, NamesThatFlattenAlikeFallBackToFullInsteadOfMixingUp) {
+  repo.SetFile("db1", 1, "a.b", "dot one\n");
+  repo.SetFile("db1", 1, "a_b", "underscore one\n");
+  ASSERT_EQ(repo.Publish(), 0);
+  const DatabaseStatus one = UpdateTo(Never());
+  repo.CopyVersion("db1", 1, 2);
+  repo.SetFile("db1", 2, "a.b", "dot two\n");
+  repo.SetFile("db1", 2, "a_b", "underscore two\n");
+  ASSERT_EQ(repo.Publish({"--max-diff-ratio", "100"}), 0);  // announced however small
+  ASSERT_EQ(repo.Diffs("db1").count(2), 1u);
+
+  log.Clear();
+  const DatabaseStatus two = UpdateTo(one);
+  EXPECT_EQ(log.Matching("Diff update fail"),
+            std::vector<std::string>{"warning: updater.cpp:83 Diff update fail, try full update: "
+                                     "Invalid patch info for /a_b: its temporary file is also "
+                                     "that of /a.b"});
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2)), "");
+  EXPECT_TRUE(CheckStatus(two.file_statuses, prefix));
+  EXPECT_TRUE(NoTemporaryFiles());
+}
+
 TEST_F(EngineTest, FailingSqlDiffFallsBackToFull) {
   InstallOneThenPublishFour();
   // A local row where version 3 inserts one makes that version's SQL fail.

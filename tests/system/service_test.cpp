@@ -212,53 +212,179 @@ TEST_F(ServiceFrontTest, StatusFileMissingCorruptOrNewerDecidesTheUpdate) {
   EXPECT_EQ(Requests(".pkg"), 2u);  // the two full installs above
 }
 
-// A server that cannot be reached fails the update, which is logged with the
-// database and rethrown; the installed status stays. The cache is downloaded
-// over in place, so it goes with a failed download, and a server answering
-// garbage poisons it for an hour. Those two consequences are pinned as they
-// stand; keeping the last good document across a failed refresh is a separate
-// decision.
-TEST_F(ServiceFrontTest, ServerDownFailsTheUpdateAndGarbageStaysCachedForAnHour) {
+// Every way the database-info document can fail to arrive whole, in turn: the
+// update fails with a clear error, logged with the database and rethrown; the
+// installed status stays; the last good document stays on disk byte for byte
+// and stale, so the next call asks the server again; no temporary file is left.
+// Once the server answers properly the refresh replaces the cache. (Written in
+// place, a failed download used to delete the cache and garbage replaced it
+// for an hour.)
+TEST_F(ServiceFrontTest, EveryFailedRefreshKeepsTheLastGoodDocumentAndAsksAgain) {
   WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   Release("db1", 0);
   ASSERT_EQ(repo.Publish(), 0);
   service.update.UpdateProject("db1");
   const std::string installed = ReadFile(StatusPath("db1"));
+  const std::string cached = ReadFile(Cache());
+  const std::string fresh = Cache() + ".tmp";
+  const std::string document = repo.out_dir() + "/database_info/v1";
+  const std::string good = ReadFile(document);
+  const std::string url = service.info->GetDatabaseUrl();
+  const std::string wget_failed = "Fail to wget url: " + url;
+  const std::string undecodable = "Fail to decode: " + fresh;
 
+  struct Fault {
+    std::string what;
+    std::string rules;   // the server's fault rules
+    std::string served;  // what the document holds; "" leaves it as published
+    std::string error;
+  };
+  const std::vector<Fault> faults{
+      {"404", R"([{"match": "/database_info/", "status": 404}])", "", wget_failed},
+      {"500", R"([{"match": "/database_info/", "status": 500}])", "", wget_failed},
+      {"no answer", R"([{"match": "/database_info/", "drop": true}])", "", wget_failed},
+      {"cut off half-way",
+       R"([{"match": "/database_info/", "cut": )" + std::to_string(good.size() / 2) + "}]", "",
+       wget_failed},
+      {"stalled, then closed", R"([{"match": "/database_info/", "stall": 1, "stall_after": 10}])",
+       "", wget_failed},
+      {"garbage", "[]", "<html>busy</html>", undecodable},
+      {"truncated document", "[]", good.substr(0, good.size() / 2), undecodable},
+      {"not an object", "[]", "[1, 2, 3]", undecodable},
+      {"empty", "[]", " ", undecodable},
+  };
+  for (const Fault& fault : faults) {
+    SCOPED_TRACE(fault.what);
+    repo.server().SetFaults(fault.rules);
+    WriteFile(document, fault.served.empty() ? good : fault.served);
+    SetAge(Cache(), 3601 + 60);
+    const size_t asked = Requests("/database_info/");
+    log.Clear();
+    EXPECT_UPDATE_ERROR(service.update.UpdateProject("db1"), fault.error);
+    EXPECT_EQ(log.Matching("update.cpp"),
+              (std::vector<std::string>{"info: update.cpp:131 Fail during fresh database info",
+                                        "info: update.cpp:132 Error message: " + fault.error,
+                                        "info: update.cpp:272 Update db1 fail: " + fault.error}));
+    EXPECT_GT(Requests("/database_info/"), asked);
+    EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
+    EXPECT_EQ(ReadFile(Cache()), cached);
+    EXPECT_TRUE(service.io->FileCreateOver(Cache(), 3600)) << "the failed refresh dated the cache";
+    EXPECT_FALSE(Exists(fresh));
+  }
+
+  // The server cannot be reached at all.
   const std::string down = "127.0.0.1:" + std::to_string(UnusedPort());
   sandbox.Write("/usr/vesk/etc/data_update/data_update.conf",
                 R"({"config": {"db_netloc": ")" + down + R"("}})");
-  SetAge(Cache(), 3601 + 60);
-  const std::string error = "Fail to wget url: " + service.info->GetDatabaseUrl();
-  ASSERT_EQ(error.rfind("Fail to wget url: http://" + down + "/database_info/v1?os=vko", 0), 0u);
-  log.Clear();
-  EXPECT_UPDATE_ERROR(service.update.UpdateProject("db1"), error);
-  EXPECT_EQ(log.Matching("update.cpp"),
-            (std::vector<std::string>{"info: update.cpp:131 Fail during fresh database info",
-                                      "info: update.cpp:132 Error message: " + error,
-                                      "info: update.cpp:272 Update db1 fail: " + error}));
-  EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
-  // What the last good download left is gone with the failed one.
-  EXPECT_FALSE(Exists(Cache()));
+  const std::string refused = "Fail to wget url: " + service.info->GetDatabaseUrl();
+  ASSERT_EQ(refused.rfind("Fail to wget url: http://" + down + "/database_info/v1?os=vko", 0), 0u);
+  EXPECT_UPDATE_ERROR(service.update.UpdateProject("db1"), refused);
+  EXPECT_EQ(ReadFile(Cache()), cached);
+  EXPECT_FALSE(Exists(fresh));
 
-  // The server is back but answers 200 with garbage: the garbage is the cache
-  // now, and calls within the hour read it without asking the server again.
+  // Back to normal: the refresh replaces the cache and dates it now.
   fs::remove(sandbox.Path("/usr/vesk/etc/data_update/data_update.conf"));
-  const std::string document = repo.out_dir() + "/database_info/v1";
-  const std::string good = ReadFile(document);
-  WriteFile(document, "<html>busy</html>");
-  EXPECT_THROW(service.update.UpdateProject("db1"), UpdateError);
-  EXPECT_EQ(ReadFile(Cache()), "<html>busy</html>");
+  repo.server().SetFaults("[]");
   WriteFile(document, good);
-  const size_t asked = Requests("/database_info/");
-  EXPECT_THROW(service.update.UpdateProject("db1"), UpdateError);
-  EXPECT_EQ(Requests("/database_info/"), asked);
-  EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
-
-  SetAge(Cache(), 3601 + 60);
+  Release("db1", 1);
+  ASSERT_EQ(repo.Publish(), 0);
   log.Clear();
   service.update.UpdateProject("db1");
-  EXPECT_TRUE(log.Contains("info: update.cpp:248 'db1' has been up to date"));
+  EXPECT_TRUE(log.Contains("warning: update.cpp:270 Update db1 completed and succeed"));
+  EXPECT_EQ(ReadFile(Cache()), ReadFile(document));
+  EXPECT_FALSE(service.io->FileCreateOver(Cache(), 3600));
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
+}
+
+// The packages fail to arrive whole, in turn, while release 1 is installed
+// and release 2 announced: a diff package missing or broken falls back to the
+// whole package; the whole package refused (404, 500), cut off half-way every
+// time, garbled or truncated by the server fails the update with a clear error
+// while the installed files, the status and the volume stay as they were; a
+// connection cut or stalled once is retried by wget and the update succeeds.
+TEST_F(ServiceFrontTest, PackageDownloadFaultsFallBackOrFailAndLoseNothingInstalled) {
+  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+  Release("db1", 0);
+  Release("db1", 1);
+  ASSERT_EQ(repo.Publish(), 0);
+  service.update.UpdateProject("db1");
+  Release("db1", 2);
+  ASSERT_EQ(repo.Publish(), 0);
+  SetAge(Cache(), 3601 + 60);
+  const std::string installed = ReadFile(StatusPath("db1"));
+  const auto before = Snapshot(Prefix("db1"));
+  const RemoteInfo remote = repo.Remote("db1");
+  const std::string full = repo.out_dir() + "/db1/v" + std::to_string(kFirst + 2) + "/full.pkg";
+  const std::string diff = repo.out_dir() + "/db1/v" + std::to_string(kFirst + 2) + "/diff.pkg";
+  const std::string good_full = ReadFile(full);
+  const std::string good_diff = ReadFile(diff);
+  const std::string package = volume + "/@tmp/data_update/db1_" + std::to_string(kFirst + 2);
+  const std::string wget_failed = "Fail to wget url: " + remote.download_link;
+  const std::string unopenable = "veskarchive_open " + package + " failed, ret: ";
+
+  struct Fault {
+    std::string what;
+    std::string rules;
+    std::string full;   // what the whole package holds; "" as published
+    std::string diff;   // what the diff package holds; "" as published
+    std::string error;  // the update's error (a prefix); "" when it succeeds
+  };
+  const std::string cut_full = std::to_string(good_full.size() / 2);
+  const std::vector<Fault> faults{
+      {"whole package 404",
+       R"([{"match": "/full.pkg", "status": 404}, {"match": "/diff.pkg", "status": 404}])", "", "",
+       wget_failed},
+      {"whole package 500",
+       R"([{"match": "/full.pkg", "status": 500}, {"match": "/diff.pkg", "status": 500}])", "", "",
+       wget_failed},
+      {"whole package cut off every time",
+       R"([{"match": "/full.pkg", "cut": )" + cut_full +
+           R"(}, {"match": "/diff.pkg", "status": 404}])",
+       "", "", wget_failed},
+      {"whole package garbled", R"([{"match": "/diff.pkg", "status": 404}])",
+       std::string(good_full.size(), 'g'), "", unopenable},
+      {"whole package truncated", R"([{"match": "/diff.pkg", "status": 404}])",
+       good_full.substr(0, good_full.size() / 2), "", unopenable},
+      {"diff package missing", R"([{"match": "/diff.pkg", "status": 404}])", "", "", ""},
+      {"diff package garbled", "[]", "", std::string(good_diff.size(), 'g'), ""},
+      {"whole package cut off once",
+       R"([{"match": "/full.pkg", "cut": )" + cut_full +
+           R"(, "times": 1}, {"match": "/diff.pkg", "status": 404}])",
+       "", "", ""},
+      {"diff package stalled once, then closed",
+       R"([{"match": "/diff.pkg", "stall": 1, "stall_after": 100, "times": 1}])", "", "", ""},
+  };
+  for (const Fault& fault : faults) {
+    SCOPED_TRACE(fault.what);
+    repo.server().SetFaults(fault.rules);
+    WriteFile(full, fault.full.empty() ? good_full : fault.full);
+    WriteFile(diff, fault.diff.empty() ? good_diff : fault.diff);
+    log.Clear();
+    if (fault.error.empty()) {
+      service.update.UpdateProject("db1");
+      EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 2), true), "");
+      EXPECT_EQ(Status("db1")["data_version"], std::to_string(kFirst + 2));
+      // Back to release 1 for the next fault.
+      fs::remove_all(Prefix("db1"));
+      for (const auto& [name, content] : before)
+        WriteFile(Prefix("db1") + "/" + name, content);
+      WriteFile(StatusPath("db1"), installed);
+    } else {
+      try {
+        service.update.UpdateProject("db1");
+        ADD_FAILURE() << "no error";
+      } catch (const UpdateError& e) {
+        EXPECT_EQ(std::string(e.what()).rfind(fault.error, 0), 0u) << e.what();
+      }
+      EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
+      EXPECT_EQ(Snapshot(Prefix("db1")), before);
+      EXPECT_EQ(service.config->GetCurVolume(), volume);
+    }
+    const std::string tmp = volume + "/@tmp/data_update";
+    EXPECT_TRUE(!fs::exists(tmp) || fs::is_empty(tmp));
+  }
+  // wget's retry got the stalled diff package whole: no fallback.
+  EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
 }
 
 // One download serves every caller for an hour from the moment it was made,

@@ -1,14 +1,21 @@
 #include "dataupdate/io_utils.h"
 
 #include <gtest/gtest.h>
+#include <json/reader.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
+#include <chrono>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "dataupdate/error.h"
+#include "forked_child.h"
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
@@ -116,6 +123,104 @@ TEST_F(IOUtilsTest, WriteJsonCreatesParentsTruncatesAndIndentsWithTabs) {
   EXPECT_UPDATE_ERROR(io.WriteJson(dir / "plain/sub/f.json", small),
                       "Fail to create parent folder: " + (dir / "plain/sub/f.json"));
   EXPECT_UPDATE_ERROR(io.WriteJson(dir.path(), small), "Fail to write: " + dir.path());
+}
+
+// A document of about `bytes` bytes whose every member names `tag`.
+Json::Value BigDocument(const std::string& tag, size_t bytes) {
+  Json::Value value(Json::objectValue);
+  for (size_t i = 0; i * 64 < bytes; ++i)
+    value[tag][std::to_string(i)] = std::string(48, tag[0]);
+  return value;
+}
+
+// Names in `dir` other than `keep`: what a write left behind.
+std::vector<std::string> Others(const std::string& dir, const std::string& keep) {
+  std::vector<std::string> names;
+  for (boost::filesystem::directory_iterator it(dir), end; it != end; ++it) {
+    if (it->path().filename() != keep)
+      names.push_back(it->path().filename().string());
+  }
+  return names;
+}
+
+// A write that fails part-way (here the file-size limit, as a full disk would)
+// is reported, and the document that was there stays whole. Before the write
+// went through a temporary file, the target was truncated and the error ignored.
+TEST_F(IOUtilsTest, WriteJsonThatFailsPartWayReportsItAndKeepsTheOldDocument) {
+  const std::string path = dir / "conf/data_update.conf";
+  Json::Value old;
+  old["config"]["cur_volume"] = "/volume1";
+  io.WriteJson(path, old);
+  const std::string before = ReadFile(path);
+  const std::string findings = dir / "findings";
+
+  vesk::test::ForkedChild child([&](const vesk::test::ForkedChild::Channel&) {
+    signal(SIGXFSZ, SIG_IGN);  // an oversized write fails with EFBIG instead
+    const rlimit limit{4096, 4096};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+      return 2;
+    try {
+      io.WriteJson(path, BigDocument("x", 64 << 10));
+      return 1;
+    } catch (const UpdateError& e) {
+      WriteFile(findings, e.what());
+      return 0;
+    }
+  });
+  EXPECT_EQ(child.Wait(), 0) << "1: the failed write was not reported";
+  if (Exists(findings)) {
+    EXPECT_EQ(ReadFile(findings), "Fail to write: " + path);
+  }
+  EXPECT_EQ(ReadFile(path), before);
+  EXPECT_EQ(Others(dir / "conf", "data_update.conf"), std::vector<std::string>{});
+}
+
+// A writer killed at any moment leaves the previous document or the new one,
+// never a part of either.
+TEST_F(IOUtilsTest, WriteJsonKilledAtAnyMomentLeavesAWholeDocument) {
+  const std::string path = dir / "status/version.json";
+  const Json::Value a = BigDocument("a", 2 << 20);
+  const Json::Value b = BigDocument("b", 2 << 20);
+  io.WriteJson(path, a);
+  for (int round = 0; round < 8; ++round) {
+    vesk::test::ForkedChild writer([&](const vesk::test::ForkedChild::Channel& parent) {
+      parent.Send('S');
+      for (int i = 0;; ++i)
+        io.WriteJson(path, i % 2 == 0 ? b : a);
+      return 0;
+    });
+    ASSERT_EQ(writer.Receive(), 'S');
+    std::this_thread::sleep_for(std::chrono::milliseconds(20 + 37 * round));
+    ASSERT_TRUE(writer.Kill());
+    Json::Value found;
+    ASSERT_TRUE(Json::Reader().parse(ReadFile(path), found)) << "round " << round;
+    EXPECT_TRUE(found == a || found == b) << "round " << round;
+  }
+}
+
+// The rewritten file keeps the permissions of the one it replaces, a new one
+// gets the usual 0666 less the umask, and a link is written through.
+TEST_F(IOUtilsTest, WriteJsonKeepsTheModeAndWritesThroughALink) {
+  Json::Value value;
+  value["k"] = "v";
+  const mode_t mask = umask(022);
+  io.WriteJson(dir / "new.json", value);
+  struct stat st;
+  ASSERT_EQ(stat((dir / "new.json").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+
+  ASSERT_EQ(chmod((dir / "new.json").c_str(), 0640), 0);
+  io.WriteJson(dir / "new.json", value);
+  ASSERT_EQ(stat((dir / "new.json").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  umask(mask);
+
+  WriteFile(dir / "real/target.json", "{}");
+  ASSERT_EQ(symlink("real/target.json", (dir / "link.json").c_str()), 0);
+  io.WriteJson(dir / "link.json", value);
+  ASSERT_EQ(lstat((dir / "link.json").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ(io.ReadJson(dir / "real/target.json"), value);
 }
 
 TEST_F(IOUtilsTest, FileCreateOverIsStrictlyOlderThan) {

@@ -1,0 +1,18 @@
+// Copying a file's contents between file systems.
+//
+// Boost.Filesystem 1.74 copies through copy_file_range(2), which current
+// kernels refuse between different file systems (EXDEV) and Boost does not
+// fall back from; the volume and the root file system are different file
+// systems on every appliance. This copy reads and writes.
+#pragma once
+
+#include <string>
+
+namespace vesk::dataupdate {
+
+// Creates `to`, which must not exist, with the permission bits of the regular
+// file `from` and its contents. Throws boost::filesystem::filesystem_error
+// naming both paths; a failure part-way (a full disk) removes what was written.
+void CopyFileContents(const std::string& from, const std::string& to);
+
+}  // namespace vesk::dataupdate

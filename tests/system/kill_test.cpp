@@ -1,0 +1,275 @@
+// An update killed with SIGKILL at each of its steps in turn, in a real forked
+// process: while downloading, extracting, patching, replacing the installed
+// files (whole package and diff) and before the status is written. After each
+// kill no lock stays held (also while the killed run's helpers live on), the
+// status is the previous one, and the next run ends with exactly the published
+// files and their status; temporary files of the killed run do not leak into it.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
+
+#include "dataupdate/file_lock.h"
+#include "service_fixture.h"
+
+namespace fs = boost::filesystem;
+using namespace vesk::dataupdate;
+using namespace vesk::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kMany = 150;  // small files that make the extraction and the copies last
+
+uintmax_t SizeOf(const std::string& path) {
+  boost::system::error_code ec;
+  const uintmax_t size = fs::file_size(path, ec);
+  return ec ? 0 : size;
+}
+
+std::string ManyName(int i) {
+  char name[32];
+  std::snprintf(name, sizeof name, "many/f%04d.txt", i);
+  return name;
+}
+
+class KillTest : public ServiceTest {
+ protected:
+  void SetUp() override {
+    ServiceTest::SetUp();
+    WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
+    // The decoder and a version-change plug-in stop and wait for good when
+    // their hold file exists, after saying so.
+    const std::string decoder = sandbox.Path("/usr/vesk/sbin/veskdbudvcdiff");
+    fs::remove(decoder);
+    WriteFile(decoder, "#!/bin/sh\n[ -e " + ShellQuote(Mark("hold_decode")) + " ] && { : > " +
+                           ShellQuote(Mark("decoding")) +
+                           "; while :; do sleep 0.05; done; }\nexec " +
+                           ShellQuote(VESKDBUD_VCDIFF_BIN) + " \"$@\"\n");
+    const std::string plugin =
+        sandbox.Path("/usr/vesk/lib/plugins/database_autoupdate/version_change/10-hold");
+    WriteFile(plugin, "#!/bin/sh\n[ \"$1\" = 5 ] && [ -e " + ShellQuote(Mark("hold_post")) +
+                          " ] && { : > " + ShellQuote(Mark("post_hook")) +
+                          "; while :; do sleep 0.05; done; }\nexit 0\n");
+    ASSERT_EQ(Shell("chmod +x " + ShellQuote(decoder) + " " + ShellQuote(plugin)), 0);
+  }
+
+  std::string Mark(const std::string& name) const { return sandbox / ("marks/" + name); }
+  std::string Tmp(const std::string& name = "") const {
+    return volume + "/@tmp/data_update" + (name.empty() ? "" : "/" + name);
+  }
+
+  // Release `n` of the fixture plus kMany small files, all changed when
+  // `change_many` (otherwise as in the release before).
+  void ReleaseMany(int n, bool change_many) {
+    Release("db1", n);
+    if (n == 0 || change_many) {
+      for (int i = 0; i < kMany; ++i)
+        repo.SetFile("db1", kFirst + n, ManyName(i),
+                     "file " + std::to_string(i) + " of " + std::to_string(n) + "\n");
+    }
+    // Announce every diff, however large, so the diff route is the one taken.
+    ASSERT_EQ(repo.Publish({"--max-diff-ratio", "100"}), 0);
+  }
+
+  // The lock files of the service that another process could not take now.
+  std::string HeldLocks() const {
+    std::string held;
+    for (const char* name : {"update_any.lock", "update_db1.lock", "fresh_info.lock",
+                             "using_db1.lock", "config.lock"}) {
+      const std::string path = sandbox.Path(std::string("/run/data_update/") + name);
+      if (!Exists(path))
+        continue;
+      ForkedChild probe([&path](const ForkedChild::Channel&) {
+        try {
+          FileLock lock(path, 0);
+          return 0;
+        } catch (const UpdateError&) {
+          return 1;
+        }
+      });
+      if (probe.Wait() != 0)
+        held += std::string(name) + " ";
+    }
+    return held;
+  }
+
+  // Runs `operation` in a child and kills it with SIGKILL as soon as
+  // `condition` holds (polled without pause); false when the child ended or
+  // the condition did not come within 60 s.
+  bool KillWhen(const std::function<void()>& operation, const std::function<bool()>& condition) {
+    ForkedChild child([&operation](const ForkedChild::Channel&) {
+      operation();
+      return 0;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (condition())
+        return child.Kill();
+      if (child.Wait(0ms) != -1)
+        return false;
+    }
+    return false;
+  }
+
+  // Kills `operation` where `condition` first holds, and checks with `landed`
+  // that the kill came while the step was still under way. A kill that came
+  // too late (the poll was not scheduled in time, or the operation ended) is
+  // undone by putting the installed files and the status back, and tried
+  // again, up to five times.
+  bool KillDuring(const std::function<void()>& operation, const std::function<bool()>& condition,
+                  const std::function<bool()>& landed) {
+    const auto files = Snapshot(Prefix("db1"));
+    const std::string status = ReadFile(StatusPath("db1"));
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      if (KillWhen(operation, condition) && landed()) {
+        std::cout << "killed in the step at attempt " << attempt + 1 << std::endl;
+        return true;
+      }
+      EndOrphans();
+      fs::remove_all(Prefix("db1"));
+      for (const auto& [name, content] : files)
+        WriteFile(Prefix("db1") + "/" + name, content);
+      WriteFile(StatusPath("db1"), status);
+      SetAge(Cache(), 3601 + 60);
+    }
+    return false;
+  }
+
+  // The killed run's helpers (wget, the decoder, the plug-in) live on as
+  // orphans; they hold no lock (checked before this), and are ended here, by
+  // their process id, so that the next run is not raced by them.
+  void EndOrphans() const {
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    ASSERT_TRUE(proc);
+    while (const dirent* entry = readdir(proc.get())) {
+      const pid_t pid = std::atoi(entry->d_name);
+      if (pid <= 0 || pid == getpid())
+        continue;
+      std::ifstream in("/proc/" + std::string(entry->d_name) + "/cmdline");
+      std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      if (cmdline.find(sandbox.root()) != std::string::npos)
+        kill(pid, SIGKILL);
+    }
+    std::this_thread::sleep_for(100ms);
+  }
+
+  // What every kill must leave: no lock held, nothing reported as updating,
+  // the status file whole and naming `version` (-1: none).
+  void ExpectKilledCleanly(int version) {
+    EXPECT_EQ(HeldLocks(), "");
+    EXPECT_FALSE(service.checker.IsAnyUpdating());
+    EXPECT_FALSE(service.checker.IsUpdating("db1"));
+    if (version < 0) {
+      EXPECT_FALSE(Exists(StatusPath("db1")));
+    } else {
+      EXPECT_EQ(Status("db1")["data_version"], std::to_string(version));
+    }
+    EndOrphans();
+    fs::remove_all(sandbox / "marks");
+  }
+
+  // The installed files and the status are those of release `n`, and the
+  // temporary directory is gone.
+  void ExpectInstalled(int n) {
+    EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + n), true), "");
+    EXPECT_EQ(Status("db1")["data_version"], std::to_string(kFirst + n));
+    EXPECT_TRUE(CheckStatus(service.info->GetDatabaseStatus("db1").file_statuses, Prefix("db1")));
+    EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
+  }
+
+  Service service;
+};
+
+TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
+  const auto update = [this] { service.update.UpdateProject("db1"); };
+  const auto fix = [this] { service.update.FixProject("db1"); };
+
+  // 1. Downloading: the first install's package comes slowly.
+  ReleaseMany(0, true);
+  repo.server().SetFaults(R"([{"match": "/full.pkg", "stall": 30, "stall_after": 100}])");
+  const std::string package = Tmp("db1_" + std::to_string(kFirst));
+  ASSERT_TRUE(KillWhen(update, [&] { return SizeOf(package) > 0; }))
+      << "the update never reached its download";
+  ExpectKilledCleanly(-1);
+  repo.server().SetFaults("[]");
+  update();
+  ExpectInstalled(0);
+
+  // 2. Extracting: a repair fetches the whole package again.
+  WriteFile(Prefix("db1") + "/readme.txt", "damaged");
+  ASSERT_TRUE(KillDuring(
+      fix, [&] { return Exists(Tmp("db1_full/items.db")); },
+      [&] { return !Exists(Tmp("db1_full/tables/table.bin")); }))
+      << "no kill came during the extraction";
+  ExpectKilledCleanly(kFirst);
+  EXPECT_EQ(ReadFile(Prefix("db1") + "/readme.txt"), "damaged");
+  // What a killed extraction left must not be installed by the next one.
+  WriteFile(Tmp("db1_full/planted.txt"), "left over");
+  fix();
+  ExpectInstalled(0);
+
+  // 3. Patching: the decoder is stopped under the killed update.
+  ReleaseMany(1, false);
+  SetAge(Cache(), 3601 + 60);
+  WriteFile(Mark("hold_decode"), "");
+  ASSERT_TRUE(KillWhen(update, [&] { return Exists(Mark("decoding")); }))
+      << "the update never reached the decoder";
+  ExpectKilledCleanly(kFirst);
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst)), "");
+  // A left-over patched file would be patched again and fail: the diff route
+  // succeeding shows the killed run's sum directory was not reused.
+  WriteFile(Tmp("db1_sum/_tables_table_bin"), "left over");
+  log.Clear();
+  update();
+  EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
+  ExpectInstalled(1);
+
+  // 4. Replacing with the whole package: the diff is unavailable to the
+  // killed run, which dies with the install directory half refilled.
+  ReleaseMany(2, false);
+  SetAge(Cache(), 3601 + 60);
+  repo.server().SetFaults(R"([{"match": "/diff.pkg", "status": 404}])");
+  const std::string readme = Prefix("db1") + "/readme.txt";
+  ASSERT_TRUE(KillDuring(
+      update, [&] { return !Exists(readme); }, [&] { return !Exists(readme); }))
+      << "no kill came while the install directory was being refilled";
+  ExpectKilledCleanly(kFirst + 1);
+  repo.server().SetFaults("[]");
+  // The status still says release 1: the diff to 2 starts from whatever the
+  // killed run left, and where that is wrong it fails and the whole package
+  // is installed instead.
+  update();
+  ExpectInstalled(2);
+
+  // 5. Before the status is written: the files are the new ones already.
+  ReleaseMany(3, false);
+  SetAge(Cache(), 3601 + 60);
+  WriteFile(Mark("hold_post"), "");
+  ASSERT_TRUE(KillWhen(update, [&] { return Exists(Mark("post_hook")); }))
+      << "the update never reached its post hook";
+  ExpectKilledCleanly(kFirst + 2);
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 3), true), "");
+  update();
+  ExpectInstalled(3);
+
+  // 6. Replacing through the diff, which rewrites every small file.
+  ReleaseMany(4, true);
+  SetAge(Cache(), 3601 + 60);
+  const std::string first = Prefix("db1") + "/" + ManyName(0);
+  ASSERT_TRUE(KillDuring(
+      update, [&] { return !Exists(first); }, [&] { return !Exists(first); }))
+      << "no kill came while the files were being replaced";
+  ExpectKilledCleanly(kFirst + 3);
+  update();
+  ExpectInstalled(4);
+}
+
+}  // namespace
