@@ -118,9 +118,11 @@ template <typename T>
 Outcome<T> Value(T value) {
   return {std::move(value), ""};
 }
+// An UpdateError's text as what() gives it: a C string, so a name holding a NUL
+// byte ends the text there.
 template <typename T>
-Outcome<T> Error(std::string text) {
-  return {std::nullopt, std::move(text)};
+Outcome<T> Error(const std::string& text) {
+  return {std::nullopt, std::string(text.c_str())};
 }
 
 std::string Show(const std::string& v) {

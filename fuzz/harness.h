@@ -23,8 +23,26 @@
 
 namespace vesk::fuzz {
 
+// `text` with every byte outside printable ASCII (NUL included) as \xNN.
+inline std::string Printable(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
+      out += c;
+    } else {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+      out += escaped;
+    }
+  }
+  return out;
+}
+
+// Reports a finding and ends the process; the message may hold any bytes (names
+// taken from the input), which are printed escaped.
 [[noreturn]] inline void Fail(const std::string& what) {
-  std::fprintf(stderr, "fuzz finding: %s\n", what.c_str());
+  std::fprintf(stderr, "fuzz finding: %s\n", Printable(what).c_str());
   std::fflush(stderr);
   std::abort();
 }
