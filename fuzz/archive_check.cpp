@@ -29,6 +29,9 @@ namespace {
 
 namespace fs = boost::filesystem;
 
+// The name asked for besides the first entry's with Options::select_missing.
+constexpr char kMissingName[] = "not-in-the-archive";
+
 // File contents up to this size are compared byte for byte; larger ones (a
 // sparse entry may announce any size) by size only.
 constexpr std::uint64_t kMaxCompared = 1U << 20;
@@ -486,19 +489,25 @@ std::string Hostile(const std::vector<Entry>& entries, const Tree& before) {
 // What extracting the selected `entries` of an archive that is not hostile into
 // a target holding `before` leaves there. Sets *conflict to the reason when what
 // is in the target must make the extraction fail (without overwriting).
-Tree Expect(const std::vector<Entry>& entries, const Options& options, const Parts* selection,
-            const Tree& before, std::string* conflict) {
+Tree Expect(const std::vector<Entry>& entries, const Options& options,
+            const std::vector<Parts>* selection, const Tree& before, std::string* conflict) {
   const auto refuse = [&](const std::string& why) {
     if (conflict->empty())
       *conflict = why;
   };
   Tree tree = before;
+  std::vector<bool> matched(selection != nullptr ? selection->size() : 0, false);
   for (const Entry& e : entries) {
     const Parts parts = Split(e.name);
     if (parts.empty())
       continue;
-    if (selection != nullptr && (selection->size() > parts.size() ||
-                                 !std::equal(selection->begin(), selection->end(), parts.begin())))
+    bool selected = selection == nullptr;
+    for (size_t i = 0; i < matched.size(); ++i) {
+      const Parts& wanted = (*selection)[i];
+      if (wanted.size() <= parts.size() && std::equal(wanted.begin(), wanted.end(), parts.begin()))
+        matched[i] = selected = true;
+    }
+    if (!selected)
       continue;
     for (size_t n = 1; n < parts.size(); ++n) {
       const std::string parent = Join(parts, n);
@@ -509,7 +518,9 @@ Tree Expect(const std::vector<Entry>& entries, const Options& options, const Par
         if (!options.overwrite)
           refuse("\"" + e.name + "\" lies below the " + KindName(it->second.kind) + " " + parent +
                  " of the target");
-        // With overwriting, whatever is in the way becomes a real directory.
+        // With overwriting, a link in the way is replaced by a real directory (a
+        // file there fails the extraction; were it to succeed, only a directory
+        // could have taken its place).
         EraseBelow(parent, &tree);
         tree[parent].kind = Node::kDir;
       }
@@ -531,6 +542,11 @@ Tree Expect(const std::vector<Entry>& entries, const Options& options, const Par
     } else {
       node = Node{Node::kFile, e.content, e.size, e.content_known};
     }
+  }
+  for (size_t i = 0; i < matched.size(); ++i) {
+    if (!matched[i])
+      refuse("no entry is selected by the requested name \"" + Join((*selection)[i], SIZE_MAX) +
+             "\"");
   }
   return tree;
 }
@@ -630,12 +646,14 @@ Options OptionsFromByte(std::uint8_t byte) {
   options.overwrite = (byte & 1U) != 0;
   options.prefilled = (byte & 2U) != 0;
   options.select_first = (byte & 4U) != 0;
+  options.select_missing = (byte & 8U) != 0;
   return options;
 }
 
 std::uint8_t ByteFromOptions(const Options& options) {
   return static_cast<std::uint8_t>((options.overwrite ? 1U : 0U) | (options.prefilled ? 2U : 0U) |
-                                   (options.select_first ? 4U : 0U));
+                                   (options.select_first ? 4U : 0U) |
+                                   (options.select_missing ? 8U : 0U));
 }
 
 bool ExpectSuccessFromEnvironment() {
@@ -654,11 +672,13 @@ void CheckPackage(const std::string& package, const Options& options, bool expec
   std::vector<Entry> entries;
   const bool readable = ArchiveOf(package, &archive) && ReadEntries(archive, &entries);
   std::vector<const char*> selected;
-  Parts selection;
-  if (options.select_first && !entries.empty() && entries[0].has_name) {
+  if (options.select_first && !entries.empty() && entries[0].has_name)
     selected.push_back(entries[0].name.c_str());
-    selection = Split(entries[0].name);
-  }
+  if (options.select_missing)
+    selected.push_back(kMissingName);
+  std::vector<Parts> selection;
+  for (const char* name : selected)
+    selection.push_back(Split(name));
   selected.push_back(nullptr);
   const char* const* wanted = selected.size() > 1 ? selected.data() : nullptr;
 

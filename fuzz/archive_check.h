@@ -47,9 +47,12 @@ struct Options {
   bool overwrite = false;     // VESKARCHIVE_EXTRACT_OVERWRITE
   bool prefilled = false;     // the target is prefilled as above
   bool select_first = false;  // extract only the first entry's name, not everything
+  // Ask for "not-in-the-archive" too (alone when select_first is off), which
+  // fails the extraction unless an entry lies there.
+  bool select_missing = false;
 };
 
-// The options a tar harness input's first byte stands for (bits 0, 1, 2).
+// The options a tar harness input's first byte stands for (bits 0 to 3).
 Options OptionsFromByte(std::uint8_t byte);
 std::uint8_t ByteFromOptions(const Options& options);
 

@@ -4,8 +4,8 @@
 // extraction passes: hostile names, links, devices, long names, damaged headers.
 //
 // Input: one byte of options (archive_check.h: bit 0 overwrite, bit 1 a
-// prefilled target, bit 2 extract only the first entry's name), then the
-// archive. The checks are those of archive_check.h.
+// prefilled target, bit 2 extract only the first entry's name, bit 3 ask for a
+// name the archive lacks), then the archive. The checks are those of archive_check.h.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -6,7 +6,8 @@
 // package files signed with the fuzzing key. What is under valid/ must extract
 // (unit.Fuzz.<name>.ValidSeedsExtract); what is under refused/ must be refused,
 // which the harnesses' own checks enforce for every hostile entry.
-// Built with the tests; run by hand when the seeds are to change.
+// Built with the tests; run by hand when the seeds are to change. A gzip header
+// holds the time it was written, so rewritten .gz seeds differ in those bytes.
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdio>
@@ -57,11 +58,13 @@ std::string Sign(const std::string& tar, EVP_PKEY* key, int key_type,
   return vesk::test::ReadFile(work / "sign.pkg");
 }
 
-archive::Options Opts(bool overwrite, bool prefilled = false, bool select_first = false) {
+archive::Options Opts(bool overwrite, bool prefilled = false, bool select_first = false,
+                      bool select_missing = false) {
   archive::Options o;
   o.overwrite = overwrite;
   o.prefilled = prefilled;
   o.select_first = select_first;
+  o.select_missing = select_missing;
   return o;
 }
 
@@ -166,6 +169,11 @@ int main(int argc, char** argv) {
   refused("prefilled_link_into_outside_link.tar", {SymlinkEntry("esc", "out/secret")},
           Opts(true, true));
   refused("select_absolute_name.tar", {FileEntry("/abs", "x")}, Opts(true, false, true));
+  refused("select_missing_name.tar", {FileEntry("a", "a")}, Opts(true, false, true, true));
+  refused("empty_link_target.tar", {SymlinkEntry("l", "")});
+  refused("prefilled_file_in_the_way.tar", {FileEntry("f/x", "x")}, Opts(false, true));
+  // Only a link on the way is replaced by a directory; a file there fails the extraction.
+  refused("prefilled_overwrite_file_in_the_way.tar", {FileEntry("f/x", "x")}, Opts(true, true));
 
   // ------------------------------------------------------------ packages
   seeds.PackageSeed("valid", "files_dirs_links.pkg",
