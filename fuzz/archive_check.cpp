@@ -98,6 +98,14 @@ std::string ReadLinkText(const std::string& path) {
   return std::string(buf.data(), static_cast<size_t>(n));
 }
 
+// "dir/name".
+std::string Child(const std::string& dir, const std::string& name) {
+  std::string path = dir;
+  path += '/';
+  path += name;
+  return path;
+}
+
 // Every object below `dir` by its path relative to `dir`, links not followed;
 // paths in `skip` (relative) are left out together with everything below them.
 void ListInto(const std::string& dir, const std::string& prefix, const std::set<std::string>& skip,
@@ -114,10 +122,10 @@ void ListInto(const std::string& dir, const std::string& prefix, const std::set<
     }
   }
   for (const std::string& name : names) {
-    const std::string relative = prefix.empty() ? name : prefix + "/" + name;
+    const std::string relative = prefix.empty() ? name : Child(prefix, name);
     if (skip.count(relative) != 0)
       continue;
-    const std::string path = dir + "/" + name;
+    const std::string path = Child(dir, name);
     struct stat st;
     if (lstat(path.c_str(), &st) != 0)
       Fail("cannot lstat " + path);
@@ -213,7 +221,7 @@ void RemoveContents(const std::string& dir) {
     }
   }
   for (const std::string& name : names) {
-    const std::string path = dir + "/" + name;
+    const std::string path = Child(dir, name);
     struct stat st;
     if (lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
       chmod(path.c_str(), 0700);
@@ -478,7 +486,10 @@ std::string Hostile(const std::vector<Entry>& entries, const Tree& before) {
       const auto old = before.find(through);
       if (archive_links.count(through) != 0 ||
           (old != before.end() && old->second.kind == Node::kLink)) {
-        refuse(link + " passes through the link " + through);
+        std::string why = link;
+        why += " passes through the link ";
+        why += through;
+        refuse(why);
         break;
       }
     }
@@ -486,24 +497,25 @@ std::string Hostile(const std::vector<Entry>& entries, const Tree& before) {
   return reason;
 }
 
-// What extracting the selected `entries` of an archive that is not hostile into
-// a target holding `before` leaves there. Sets *conflict to the reason when what
+// What extracting the `entries` selected by the requested names `selection`
+// (none: every entry) of an archive that is not hostile into a target holding
+// `before` leaves there. Sets *conflict to the reason when what
 // is in the target must make the extraction fail (without overwriting).
 Tree Expect(const std::vector<Entry>& entries, const Options& options,
-            const std::vector<Parts>* selection, const Tree& before, std::string* conflict) {
+            const std::vector<Parts>& selection, const Tree& before, std::string* conflict) {
   const auto refuse = [&](const std::string& why) {
     if (conflict->empty())
       *conflict = why;
   };
   Tree tree = before;
-  std::vector<bool> matched(selection != nullptr ? selection->size() : 0, false);
+  std::vector<bool> matched(selection.size(), false);
   for (const Entry& e : entries) {
     const Parts parts = Split(e.name);
     if (parts.empty())
       continue;
-    bool selected = selection == nullptr;
-    for (size_t i = 0; i < matched.size(); ++i) {
-      const Parts& wanted = (*selection)[i];
+    bool selected = selection.empty();
+    for (size_t i = 0; i < selection.size(); ++i) {
+      const Parts& wanted = selection[i];
       if (wanted.size() <= parts.size() && std::equal(wanted.begin(), wanted.end(), parts.begin()))
         matched[i] = selected = true;
     }
@@ -543,10 +555,9 @@ Tree Expect(const std::vector<Entry>& entries, const Options& options,
       node = Node{Node::kFile, e.content, e.size, e.content_known};
     }
   }
-  for (size_t i = 0; i < matched.size(); ++i) {
+  for (size_t i = 0; i < selection.size(); ++i) {
     if (!matched[i])
-      refuse("no entry is selected by the requested name \"" + Join((*selection)[i], SIZE_MAX) +
-             "\"");
+      refuse("no entry is selected by the requested name \"" + Join(selection[i], SIZE_MAX) + "\"");
   }
   return tree;
 }
@@ -737,8 +748,7 @@ void CheckPackage(const std::string& package, const Options& options, bool expec
   if (!hostile.empty())
     Fail("extraction succeeded although " + hostile);
   std::string conflict;
-  const Tree expected =
-      Expect(entries, options, wanted != nullptr ? &selection : nullptr, before, &conflict);
+  const Tree expected = Expect(entries, options, selection, before, &conflict);
   if (!conflict.empty())
     Fail("extraction succeeded although " + conflict);
   const std::string diff = Compare(expected, after, false);

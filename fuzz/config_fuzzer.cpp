@@ -122,7 +122,7 @@ Outcome<T> Value(T value) {
 // byte ends the text there.
 template <typename T>
 Outcome<T> Error(const std::string& text) {
-  return {std::nullopt, std::string(text.c_str())};
+  return {std::nullopt, text.substr(0, text.find('\0'))};
 }
 
 std::string Show(const std::string& v) {
@@ -182,7 +182,7 @@ Outcome<T> Run(const std::string& what, const Call& call) {
 
 template <typename T, typename Call>
 Outcome<T> Check(const std::string& what, const Allowed<T>& allowed, const Call& call) {
-  const Outcome<T> got = Run<T>(what, call);
+  Outcome<T> got = Run<T>(what, call);
   if (!allowed.Admits(got))
     Fail(what + " gave " + Show(got) + ", expected " + allowed.Describe());
   return got;
