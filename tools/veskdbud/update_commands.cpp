@@ -109,7 +109,7 @@ int ParseVersion(const std::string& text) {
 }  // namespace
 
 std::string OneOrAll(const Args& args) {
-  const std::string id = args.Operand(0);
+  std::string id = args.Operand(0);
   if (!id.empty() && args.Has("--all")) {
     throw CliError(kExitUsage, args.command +
                                    ": give a database ID or --all, not both (see "
@@ -148,7 +148,7 @@ int RunFix(const Args& args) {
 }
 
 int RunForceInstall(const Args& args) {
-  const std::string id = args.Operand(0);
+  std::string id = args.Operand(0);
   const int version = ParseVersion(args.Operand(1));
   const Session session(args, id);
   const Describe describe = [](int before, int after) -> std::pair<std::string, std::string> {
