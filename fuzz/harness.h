@@ -8,9 +8,13 @@
 // keeps the input as a crash and the replay test fails.
 #pragma once
 
+#include <fcntl.h>
 #include <json/reader.h>
 #include <json/value.h>
+#include <stdlib.h>
+#include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -19,8 +23,26 @@
 
 namespace vesk::fuzz {
 
+// `text` with every byte outside printable ASCII (NUL included) as \xNN.
+inline std::string Printable(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
+      out += c;
+    } else {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+      out += escaped;
+    }
+  }
+  return out;
+}
+
+// Reports a finding and ends the process; the message may hold any bytes (names
+// taken from the input), which are printed escaped.
 [[noreturn]] inline void Fail(const std::string& what) {
-  std::fprintf(stderr, "fuzz finding: %s\n", what.c_str());
+  std::fprintf(stderr, "fuzz finding: %s\n", Printable(what).c_str());
   std::fflush(stderr);
   std::abort();
 }
@@ -40,5 +62,50 @@ inline bool ParseJson(const std::string& text, Json::Value* root) {
     return false;
   }
 }
+
+// Writes `bytes` as the whole content of `path` (created 0600 when missing).
+inline void WriteBytes(const std::string& path, const std::string& bytes) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0)
+    Fail("cannot write " + path);
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n <= 0) {
+      close(fd);
+      Fail("short write to " + path);
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  close(fd);
+}
+
+// A private directory below $TMPDIR (or /tmp) for the life of the process: made
+// when constructed, removed with everything below it when destroyed. A harness
+// keeps one in a function-local static, so it is made once and removed when the
+// process ends normally.
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& tag) {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+                          "/veskdbud-fuzz-" + tag + "-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr)
+      Fail("cannot make a temporary directory from " + pattern);
+    path_ = pattern;
+  }
+  ~ScratchDir() {
+    boost::system::error_code ignored;
+    boost::filesystem::remove_all(path_, ignored);
+  }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace vesk::fuzz

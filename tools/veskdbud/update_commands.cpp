@@ -148,7 +148,7 @@ int RunFix(const Args& args) {
 }
 
 int RunForceInstall(const Args& args) {
-  const std::string id = args.Operand(0);
+  std::string id = args.Operand(0);
   const int version = ParseVersion(args.Operand(1));
   const Session session(args, id);
   const Describe describe = [](int before, int after) -> std::pair<std::string, std::string> {
