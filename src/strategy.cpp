@@ -1,6 +1,9 @@
 #include "dataupdate/strategy.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <SQLiteCpp/Database.h>
@@ -43,6 +46,20 @@ std::string UsingLockPath(const std::string& id) {
 void FreshDirectory(const IOUtils& io, const std::string& path) {
   io.RmRf(path);
   io.VeskMkdir(path);
+}
+
+// Puts the prepared file `from` (in the temporary tree, removed afterwards) at
+// the missing path `to`. With `may_move` (no other target takes its content
+// from `from`), a regular file is moved when both are on one file system and
+// `to` does not exist; anything else, or a move that fails, is copied as
+// before, with the copy's errors.
+void PlaceFile(const fs::path& from, const fs::path& to, bool may_move) {
+  struct stat st;
+  if (may_move && lstat(from.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+      renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return;
+  }
+  fs::copy_file(from, to, fs::copy_options::none);
 }
 
 }  // namespace
@@ -182,7 +199,7 @@ void FullStrategy::ApplyUpdate() {
       }
       const fs::path target = fs::path(install_prefix_) / name;
       fs::create_directories(target.parent_path());
-      fs::copy_file(info.path, target, fs::copy_options::none);
+      PlaceFile(info.path, target, true);  // one target per extracted file
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
@@ -386,12 +403,18 @@ void DiffStrategy::ApplyUpdate() {
       if (fs::exists(fs::symlink_status(installed)))
         fs::remove(installed);
     }
+    // Two names can share one prepared file ("a.b" and "a_b" flatten alike).
+    std::map<std::string, int> readers;
+    for (const auto& entry : modify_infos_) {
+      if (entry.second.operation == ModifyInfo::kOverride)
+        ++readers[entry.second.path];
+    }
     for (const auto& [name, info] : modify_infos_) {
       if (info.operation != ModifyInfo::kOverride)
         continue;
       const fs::path installed = fs::path(install_prefix_) / name;
       fs::create_directories(installed.parent_path());
-      fs::copy_file(info.path, installed, fs::copy_options::none);
+      PlaceFile(info.path, installed, readers[info.path] == 1);
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to diff update: ") + e.what());
