@@ -1,7 +1,6 @@
 #include "status_scan.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -107,35 +106,28 @@ class Scanner {
     }
   }
 
-  // One member value of "file_statuses": an object holding a string
-  // "sha384_digest". The layout the library writes is recognised byte for
-  // byte first, as it makes up almost all of a large file.
-  bool FileStatus() {
-    static constexpr char kHead[] = " \n\t\t{\n\t\t\t\"sha384_digest\" : \"";
-    static constexpr size_t kHeadSize = sizeof kHead - 1;
-    static constexpr char kTail[] = "\"\n\t\t}";
-    static constexpr size_t kTailSize = sizeof kTail - 1;
-    static constexpr size_t kDigestSize = 96;
-    if (static_cast<size_t>(end_ - p_) >= kHeadSize + kDigestSize + kTailSize &&
-        std::memcmp(p_, kHead, kHeadSize) == 0 &&
-        std::memchr(p_ + kHeadSize, '"', kDigestSize) == nullptr &&
-        std::memcmp(p_ + kHeadSize + kDigestSize, kTail, kTailSize) == 0) {
-      p_ += kHeadSize + kDigestSize + kTailSize;
+  // The value of "file_statuses": an object of objects that each hold a
+  // string "sha384_digest". The layout the library writes is recognised byte
+  // for byte first, as it makes up almost all of a large file.
+  bool FileStatuses() {
+    if (WrittenFileStatuses())
       return true;
-    }
-    bool digest = false;
-    const bool ok = Object(3, [&](const char* name, size_t size) {
-      if (size != 13 || std::memcmp(name, "sha384_digest", 13) != 0)
-        return Value(3);
-      const char* value = nullptr;
-      size_t value_size = 0;
-      digest = true;
-      return String(&value, &value_size);
+    return Object(2, [this](const char*, size_t) {
+      bool digest = false;
+      const bool ok = Object(3, [&](const char* name, size_t size) {
+        if (size != 13 || std::memcmp(name, "sha384_digest", 13) != 0)
+          return Value(3);
+        const char* value = nullptr;
+        size_t value_size = 0;
+        digest = true;
+        return String(&value, &value_size);
+      });
+      return ok && digest;
     });
-    return ok && digest;
   }
 
-  // Any value of the subset: a string, an integer or an object.
+  // Any value of the subset: a string, an integer or an object.  // Any value of the subset: a
+  // string, an integer or an object.
   bool Value(int depth) {
     SkipSpaces();
     if (p_ >= end_)
@@ -152,6 +144,58 @@ class Scanner {
   }
 
  private:
+  // "file_statuses" exactly as the styled writer puts it at depth 1, with
+  // names in ascending order and 96-byte digests; false (and nothing read)
+  // for anything else.
+  bool WrittenFileStatuses() {
+    static constexpr char kOpen[] = " \n\t{\n";
+    static constexpr char kName[] = "\t\t\"";
+    static constexpr char kMiddle[] = "\" : \n\t\t{\n\t\t\t\"sha384_digest\" : \"";
+    static constexpr char kEnd[] = "\"\n\t\t}";
+    static constexpr char kNext[] = ",\n";
+    static constexpr char kClose[] = "\n\t}";
+    static constexpr size_t kDigest = 96;
+    const char* p = p_;
+    // The sizes are constants, so the comparisons are inlined.
+    const auto take = [&](const auto& text) {
+      constexpr size_t size = sizeof text - 1;
+      if (static_cast<size_t>(end_ - p) < size || std::memcmp(p, text, size) != 0)
+        return false;
+      p += size;
+      return true;
+    };
+    if (!take(kOpen))
+      return false;
+    const char* previous = nullptr;
+    size_t previous_size = 0;
+    while (true) {
+      if (!take(kName))
+        return false;
+      const auto* quote = static_cast<const char*>(std::memchr(p, '"', end_ - p));
+      if (quote == nullptr)
+        return false;
+      const size_t size = static_cast<size_t>(quote - p);
+      if (previous != nullptr && !Ascends(previous, previous_size, p, size))
+        return false;
+      previous = p;
+      previous_size = size;
+      p = quote;
+      if (!take(kMiddle) || static_cast<size_t>(end_ - p) < kDigest)
+        return false;
+      if (std::memchr(p, '"', kDigest) != nullptr)
+        return false;
+      p += kDigest;
+      if (!take(kEnd))
+        return false;
+      if (take(kNext))
+        continue;
+      if (!take(kClose))
+        return false;
+      p_ = p;
+      return true;
+    }
+  }
+
   static bool Ascends(const char* a, size_t a_size, const char* b, size_t b_size) {
     const int order = std::memcmp(a, b, a_size < b_size ? a_size : b_size);
     return order < 0 || (order == 0 && a_size < b_size);
@@ -203,7 +247,7 @@ std::optional<int> ScanStatusVersion(const char* text, size_t size) {
       return fetch_time;
     }
     if (Named(name, n, "file_statuses"))
-      return s.Object(2, [&s](const char*, size_t) { return s.FileStatus(); });
+      return s.FileStatuses();
     return s.Value(1);
   });
   if (!ok || !fetch_time || !s.AtEnd())
@@ -211,35 +255,38 @@ std::optional<int> ScanStatusVersion(const char* text, size_t size) {
   return version;
 }
 
-MappedFile::MappedFile(const std::string& path) {
+bool ReadWholeFile(const std::string& path, std::string* text) {
+  // Read, not mapped: a writer that truncates the file in place would turn
+  // the reading of a mapped page into a SIGBUS.
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat st;
-  if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0 ||
+  if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
       static_cast<std::uint64_t>(st.st_size) > kMaxStatusFile)
-    return;
-  void* data = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE | MAP_POPULATE,
-                    fd.get(), 0);
-  if (data == MAP_FAILED)
-    return;
-  data_ = static_cast<const char*>(data);
-  size_ = static_cast<size_t>(st.st_size);
-}
-
-MappedFile::~MappedFile() {
-  if (data_ != nullptr)
-    munmap(const_cast<char*>(data_), size_);
+    return false;
+  text->resize(static_cast<size_t>(st.st_size));
+  size_t done = 0;
+  while (done < text->size()) {
+    const ssize_t n = read(fd.get(), &(*text)[done], text->size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;  // an error, or the file shrank: the full reading tells
+    done += static_cast<size_t>(n);
+  }
+  char more = 0;
+  return read(fd.get(), &more, 1) == 0;  // else it grew while it was read
 }
 
 std::optional<int> InfoGetter::QuickInstalledVersion(const std::string& id) const {
   // A substitute may read its status from elsewhere, or differently.
   if (typeid(*this) != typeid(InfoGetter) || !io_ || typeid(*io_) != typeid(IOUtils))
     return std::nullopt;
-  // A file that changes while it is scanned is what a reader without the
-  // update lock may always meet; the status files are replaced whole.
-  const MappedFile file(platform::RootPath("/var/lib/data_update/" + id + "/version.json"));
-  if (file.data() == nullptr)
+  // Kept for the next call: a run reads the status file more than once, and
+  // pages already in place are cheaper to fill than new ones.
+  static thread_local std::string text;
+  if (!ReadWholeFile(platform::RootPath("/var/lib/data_update/" + id + "/version.json"), &text))
     return std::nullopt;
-  return ScanStatusVersion(file.data(), file.size());
+  return ScanStatusVersion(text.data(), text.size());
 }
 
 }  // namespace vesk::dataupdate

@@ -19,20 +19,8 @@ namespace vesk::dataupdate {
 // the full reading accepts or rejects: then only the full reading can tell.
 std::optional<int> ScanStatusVersion(const char* text, size_t size);
 
-// A regular, non-empty file mapped for reading while the object lives; data()
-// is null when it cannot be mapped so.
-class MappedFile {
- public:
-  explicit MappedFile(const std::string& path);
-  ~MappedFile();
-  MappedFile(const MappedFile&) = delete;
-  MappedFile& operator=(const MappedFile&) = delete;
-  const char* data() const { return data_; }
-  size_t size() const { return size_; }
-
- private:
-  const char* data_ = nullptr;
-  size_t size_ = 0;
-};
+// The whole of the regular file at `path` in `text`, whose storage is reused
+// from one call to the next; false when it cannot be read so.
+bool ReadWholeFile(const std::string& path, std::string* text);
 
 }  // namespace vesk::dataupdate
