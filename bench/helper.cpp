@@ -160,10 +160,10 @@ int LockHandoff(const std::string& path, int count, bool use_filelock, unsigned 
   go_read.reset();
   report_write.reset();
 
-  // The holder keeps the lock for a random time, so the release falls at any
-  // point of the waiter's polling period.
+  // The holder keeps the lock for a random time spread over more than one
+  // polling period (100 ms), so the release falls at any point of it.
   std::mt19937 random(seed);
-  std::uniform_int_distribution<int> hold_ms(10, 250);
+  std::uniform_int_distribution<int> hold_ms(20, 130);
   int failures = 0;
   for (int i = 0; i < count; ++i) {
     if (flock(lock_fd.get(), LOCK_EX) != 0 || !WriteValue(go_write.get(), i)) {
