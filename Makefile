@@ -36,6 +36,13 @@ demo: deps
 	@$(MAKE) --no-print-directory build
 	@demo/run.sh $(BUILD)
 
+# Benchmarks against baselines measured in the same run (bench/run.py --help);
+# e.g. make bench BENCH_FLAGS="--full-mib 256 --only full,diff".
+BENCH_FLAGS ?=
+bench: deps
+	@$(MAKE) --no-print-directory build
+	@python3 bench/run.py --build $(BUILD) $(BENCH_FLAGS)
+
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)
 

@@ -1,7 +1,9 @@
 #include "dataupdate/strategy.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -211,6 +213,20 @@ void CheckPatchInfos(const Json::Value& patch_infos, const std::string& index_pa
   }
 }
 
+// Puts the prepared file `from` (in the temporary tree, removed afterwards) at
+// the missing path `to`. With `may_move` (no other target takes its content
+// from `from`), a regular file is moved when both are on one file system and
+// `to` does not exist; anything else, or a move that fails, is copied,
+// with the copy's errors.
+void PlaceFile(const fs::path& from, const fs::path& to, bool may_move) {
+  struct stat st;
+  if (may_move && lstat(from.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+      renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return;
+  }
+  CopyFileContents(from.string(), to.string());
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- BaseStrategy
@@ -351,7 +367,7 @@ void FullStrategy::ApplyUpdate() {
       }
       const fs::path target = fs::path(install_prefix_) / name;
       fs::create_directories(target.parent_path());
-      CopyFileContents(info.path, target.string());
+      PlaceFile(info.path, target, true);  // one target per extracted file
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
@@ -551,6 +567,10 @@ void DiffStrategy::_DoSqlitePatch(const std::string& database_file, const std::s
     // A missing input would otherwise commit an empty change as success.
     if (!in.is_open())
       throw std::runtime_error("cannot open " + diff_file);
+    // Room for the pages a large change set dirties, so that SQLite seldom
+    // spills them (each spill syncs the journal) before the commit. The
+    // journal and its syncs at the commit are as configured.
+    db.exec("PRAGMA cache_size = -16384");
     std::string line;
     while (std::getline(in, line))
       db.exec(line);
@@ -582,12 +602,18 @@ void DiffStrategy::ApplyUpdate() {
       if (fs::exists(fs::symlink_status(installed)))
         fs::remove(installed);
     }
+    // Two names can share one prepared file ("a.b" and "a_b" flatten alike).
+    std::map<std::string, int> readers;
+    for (const auto& entry : modify_infos_) {
+      if (entry.second.operation == ModifyInfo::kOverride)
+        ++readers[entry.second.path];
+    }
     for (const auto& [name, info] : modify_infos_) {
       if (info.operation != ModifyInfo::kOverride)
         continue;
       const fs::path installed = fs::path(install_prefix_) / name;
       fs::create_directories(installed.parent_path());
-      CopyFileContents(info.path, installed.string());
+      PlaceFile(info.path, installed, readers[info.path] == 1);
     }
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to diff update: ") + e.what());

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <new>
+#include <optional>
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
@@ -272,15 +273,24 @@ void Update::UpdateProject(const std::string& id) const {
     FileLock any_lock(UpdateAnyLock(), kLockTimeout);
     FileLock project_lock(UpdateOneLock(id), kLockTimeout);
 
-    const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
+    // The up-to-date test needs the installed version only; the recorded
+    // files are read when an update follows.
+    std::optional<DatabaseStatus> status;
+    std::optional<int> installed = info_getter_->QuickInstalledVersion(id);
+    if (!installed) {
+      status = info_getter_->GetDatabaseStatus(id);
+      installed = status->data_version;
+    }
     const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
     const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
     const std::shared_ptr<DatabaseConfig> database = config_->GetDatabaseConfig(id);
 
-    if (status.data_version >= remote.data_version) {
+    if (*installed >= remote.data_version) {
       log::Write(log::site::kUpToDate, id);
       return;
     }
+    if (!status)
+      status = info_getter_->GetDatabaseStatus(id);
     log::Write(log::site::kUpdateStart, id);
     if (config_->GetCurVolume().empty()) {
       log::Write(log::site::kNoVolumeStopOne);
@@ -291,7 +301,7 @@ void Update::UpdateProject(const std::string& id) const {
     const std::string root_directory = database->GetRootDirectory();
 
     const DatabaseStatus updated =
-        updater_->Update(id, status, remote, diffs, volume, install_prefix, root_directory);
+        updater_->Update(id, *status, remote, diffs, volume, install_prefix, root_directory);
     info_getter_->SetDatabaseStatus(id, updated);
     log::Write(log::site::kUpdateDone, id);
   } catch (const UpdateError& e) {

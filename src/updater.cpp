@@ -1,8 +1,14 @@
 #include "dataupdate/updater.h"
 
+#include <algorithm>
+#include <atomic>
 #include <boost/filesystem.hpp>
+#include <exception>
 #include <fstream>
 #include <memory>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "dataupdate/error.h"
 #include "dataupdate/hook.h"
@@ -14,6 +20,10 @@ namespace fs = boost::filesystem;
 
 namespace vesk::dataupdate {
 namespace {
+
+// Digesting is bound by the processor and the page cache; more threads than
+// this only compete for the same memory bandwidth.
+constexpr size_t kMaxDigestThreads = 4;
 
 // `root` / `name` with the v3 append: a name beginning with "/" is appended
 // below `root`, never taken as a new root.
@@ -60,12 +70,52 @@ DatabaseStatus ApplyWithHooks(BaseStrategy& strategy, const std::string& id,
 
 std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files,
                                                   const std::string& root) {
+  // The files are digested by up to one thread per core, in order of their
+  // names. The result is that of digesting them one by one: the statuses of
+  // all, or the exception of the first file (in that order) that throws.
+  const std::vector<std::string> names(files.begin(), files.end());
+  struct Outcome {
+    bool exists = false;
+    std::string digest;
+    std::exception_ptr error;
+  };
+  std::vector<Outcome> outcomes(names.size());
+  std::atomic<size_t> next{0};
+  std::atomic<size_t> first_error{names.size()};
+  const auto work = [&] {
+    for (size_t i = next++; i < names.size() && i < first_error; i = next++) {
+      try {
+        const std::string path = JoinPath(root, names[i]);
+        outcomes[i].exists = Exists(path);  // a removed file has nothing to record
+        if (outcomes[i].exists)
+          outcomes[i].digest = DigestOf(path);
+      } catch (...) {
+        outcomes[i].error = std::current_exception();
+        size_t seen = first_error;
+        while (i < seen && !first_error.compare_exchange_weak(seen, i)) {
+        }
+      }
+    }
+  };
+  const size_t workers = std::min(
+      {names.size(), kMaxDigestThreads, static_cast<size_t>(std::thread::hardware_concurrency())});
+  std::vector<std::thread> threads;
+  try {
+    for (size_t t = 1; t < workers; ++t)
+      threads.emplace_back(work);
+  } catch (const std::system_error&) {
+    // Fewer helpers, or none: this thread digests what they would have.
+  }
+  work();
+  for (std::thread& thread : threads)
+    thread.join();
+  if (first_error < names.size())
+    std::rethrow_exception(outcomes[first_error].error);
+
   std::map<std::string, FileStatus> statuses;
-  for (const std::string& name : files) {
-    const std::string path = JoinPath(root, name);
-    if (!Exists(path))
-      continue;  // removed by the update: nothing to record
-    statuses.emplace(name, FileStatus{DigestOf(path)});
+  for (size_t i = 0; i < names.size(); ++i) {
+    if (outcomes[i].exists)
+      statuses.emplace_hint(statuses.end(), names[i], FileStatus{std::move(outcomes[i].digest)});
   }
   return statuses;
 }

@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "dataupdate/config.h"
@@ -35,6 +36,12 @@ class VESKDBUD_EXPORT InfoGetter {
   virtual std::map<int, DiffInfo> GetDiffInfos(const std::string& id) const;
   // The installed status; data version -1 when the file is missing or bad.
   virtual DatabaseStatus GetDatabaseStatus(const std::string& id) const;
+  // GetDatabaseStatus(id).data_version, read without building the list of
+  // recorded files (so at a cost that hardly grows with it) and without a log
+  // line, when the status file is in the plain form this library writes.
+  // nullopt otherwise (a missing, bad or hand-edited file), and whenever the
+  // IOUtils or this InfoGetter is a substitute: GetDatabaseStatus tells then.
+  std::optional<int> QuickInstalledVersion(const std::string& id) const;
   virtual void SetDatabaseStatus(const std::string& id, const DatabaseStatus& status) const;
   // The whole cached document, downloaded first when missing or over an hour old.
   virtual Json::Value GetDatabaseInfo() const;

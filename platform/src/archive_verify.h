@@ -14,7 +14,8 @@
 
 namespace vesk::platform::archive {
 
-// Read size of every streaming pass; the only per-package buffer.
+// Read size of every streaming pass. The verification reads into one buffer of
+// this size, each extraction pass into a ring of DigestPipe::kSlots of them.
 inline constexpr size_t kChunkSize = 64 * 1024;
 
 // A package whose envelope and signature have been verified, still open. The

@@ -1,6 +1,7 @@
 #include "library.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "cli.h"
 #include "dataupdate/updater.h"
@@ -45,6 +46,14 @@ std::string Library::RequireVolume() const {
 
 Update Library::MakeUpdate() const {
   return Update(std::make_shared<Updater>(), info, service);
+}
+
+int Library::InstalledVersion(const std::string& id) const {
+  // A plain status file is read without its list of files, which a database
+  // of many files makes long; anything else goes the full way, with its logs.
+  if (const std::optional<int> version = info->QuickInstalledVersion(id))
+    return *version;
+  return info->GetDatabaseStatus(id).data_version;
 }
 
 std::string VersionText(int version) {

@@ -24,6 +24,8 @@ struct Library {
   std::string RequireVolume() const;
   // An Update wired with a real Updater.
   dataupdate::Update MakeUpdate() const;
+  // The installed version of `id` (-1: none), as the status file gives it.
+  int InstalledVersion(const std::string& id) const;
 
   std::shared_ptr<dataupdate::IOUtils> io;
   std::shared_ptr<dataupdate::Config> config;

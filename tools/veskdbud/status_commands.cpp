@@ -68,7 +68,7 @@ std::optional<int> ServerVersion(const Json::Value& document, const std::string&
 Row ReadRow(const Library& lib, const ServerInfo& server, const std::string& id) {
   Row row;
   row.id = id;
-  row.installed = lib.info->GetDatabaseStatus(id).data_version;
+  row.installed = lib.InstalledVersion(id);
   row.server = ServerVersion(server.document, id);
   const auto database = lib.service->GetDatabaseConfig(id);
   row.scheduled = database->GetScheduled();

@@ -1,5 +1,6 @@
 // update, fix and force-install: the library's Update operations, with one
 // line per database on stdout and the outcome recorded for `status`.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +25,29 @@ namespace {
 
 using Describe = std::function<std::pair<std::string, std::string>(int before, int after)>;
 
+// What tells one status file from another: any write gives a new time stamp,
+// a replacement also a new inode.
+struct StatusFile {
+  dev_t device;
+  ino_t inode;
+  off_t size;
+  timespec modified;
+  timespec changed;
+
+  bool operator==(const StatusFile& o) const {
+    return device == o.device && inode == o.inode && size == o.size &&
+           modified.tv_sec == o.modified.tv_sec && modified.tv_nsec == o.modified.tv_nsec &&
+           changed.tv_sec == o.changed.tv_sec && changed.tv_nsec == o.changed.tv_nsec;
+  }
+};
+
+std::optional<StatusFile> StatusFileNow(const std::string& id) {
+  struct stat st;
+  if (stat(SystemPath("/var/lib/data_update/" + id + "/version.json").c_str(), &st) != 0)
+    return std::nullopt;
+  return StatusFile{st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+}
+
 // Runs `work` on database `id` as operation `operation`, records the outcome
 // and prints "<id>: <line>" where `describe` gives (outcome, line) from the
 // installed versions before and after. Failures are recorded and rethrown.
@@ -31,20 +55,29 @@ void RunRecorded(const Library& lib, const std::string& id, const std::string& o
                  const Describe& describe, const std::function<void()>& work) {
   LastResult result;
   result.operation = operation;
-  result.version_before = lib.info->GetDatabaseStatus(id).data_version;
+  // Looked at before it is read: a plain status file (read quickly, with no
+  // log line) found the same afterwards was not written, so the version read
+  // before still holds. Any other is read again, as it was before.
+  const std::optional<StatusFile> seen = StatusFileNow(id);
+  const std::optional<int> quick = lib.info->QuickInstalledVersion(id);
+  result.version_before = quick ? *quick : lib.info->GetDatabaseStatus(id).data_version;
+  const auto version_after = [&] {
+    const std::optional<StatusFile> now = StatusFileNow(id);
+    return quick && seen && now && *seen == *now ? *quick : lib.InstalledVersion(id);
+  };
   try {
     work();
   } catch (const std::exception& e) {
     result.outcome = "failed";
     result.message = e.what();
     result.time = std::time(nullptr);
-    result.version_after = lib.info->GetDatabaseStatus(id).data_version;
+    result.version_after = version_after();
     RecordLastResult(*lib.io, id, result);
     throw;
   }
   result.ok = true;
   result.time = std::time(nullptr);
-  result.version_after = lib.info->GetDatabaseStatus(id).data_version;
+  result.version_after = version_after();
   std::string line;
   std::tie(result.outcome, line) = describe(result.version_before, result.version_after);
   RecordLastResult(*lib.io, id, result);

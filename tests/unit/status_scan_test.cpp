@@ -1,0 +1,171 @@
+// The quick reading of a status file's installed version: it gives what the
+// full reading (JSON reader + DatabaseStatus::FromJson) gives, or declines;
+// it never disagrees, whatever the bytes.
+#include "status_scan.h"
+
+#include <json/reader.h>
+
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "dataupdate/config.h"
+#include "dataupdate/io_utils.h"
+#include "dataupdate/records.h"
+#include "dataupdate/update.h"
+#include "forked_child.h"
+#include "test_support.h"
+
+using namespace vesk::dataupdate;
+using vesk::test::LogCapture;
+using vesk::test::ReadFile;
+using vesk::test::Sandbox;
+using vesk::test::TempDir;
+using vesk::test::WriteFile;
+
+namespace {
+
+// The full reading: the version, or nullopt when it fails in any way.
+std::optional<int> FullReading(const std::string& text) {
+  try {
+    Json::Value root;
+    if (!Json::Reader().parse(text, root, true))
+      return std::nullopt;
+    return DatabaseStatus::FromJson(root).data_version;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<int> Quick(const std::string& text) {
+  return ScanStatusVersion(text.data(), text.size());
+}
+
+DatabaseStatus Recorded(int version, int files) {
+  DatabaseStatus status;
+  status.data_version = version;
+  status.last_fetch_time = 1750000000;
+  for (int i = 0; i < files; ++i) {
+    const std::string digest(96, "0123456789abcdef"[i % 16]);
+    status.file_statuses["dir/file" + std::to_string(i) + ".db"] = FileStatus{digest};
+  }
+  return status;
+}
+
+// The status file as IOUtils::WriteJson writes it.
+std::string Written(const DatabaseStatus& status) {
+  TempDir dir;
+  IOUtils().WriteJson(dir / "version.json", DatabaseStatus::ToJson(status));
+  return ReadFile(dir / "version.json");
+}
+
+}  // namespace
+
+TEST(StatusScan, WhatTheLibraryWritesIsReadQuickly) {
+  for (int files : {0, 1, 3, 500}) {
+    for (int version : {0, 7, 20250601, 999999999}) {
+      const std::string text = Written(Recorded(version, files));
+      EXPECT_EQ(Quick(text), std::optional<int>(version)) << files << " files:\n" << text;
+      EXPECT_EQ(FullReading(text), std::optional<int>(version));
+    }
+  }
+}
+
+TEST(StatusScan, OtherFormsOfTheSameDocumentAgreeOrDecline) {
+  const std::vector<std::string> agree = {
+      R"({"data_version":"12","last_fetch_time":5})",
+      R"( {"data_version" : "12", "file_statuses" : {"a" : {"sha384_digest" : "x"}},
+           "last_fetch_time" : -5, "more" : {"deep" : {"x" : 1}}} )",
+      R"({"data_version":"012","file_statuses":{},"last_fetch_time":2147483647})",
+      R"({"data_version":"-1","file_statuses":{"a":{"sha384_digest":"d","size":3}},"last_fetch_time":0})",
+  };
+  for (const std::string& text : agree) {
+    ASSERT_TRUE(FullReading(text)) << text;
+    EXPECT_EQ(Quick(text), FullReading(text)) << text;
+  }
+  const std::vector<std::string> decline = {
+      "",
+      "[]",
+      R"({"data_version":"12"})",                                          // no time stamp
+      R"({"last_fetch_time":5})",                                          // no version
+      R"({"data_version":12,"last_fetch_time":5})",                        // a number
+      R"({"data_version":"12x","last_fetch_time":5})",                     // not digits
+      R"({"data_version":"1234567890","last_fetch_time":5})",              // beyond 9 digits
+      R"({"data_version":"12","last_fetch_time":2147483648})",             // beyond 32 bits
+      R"({"data_version":"12","last_fetch_time":5.0})",                    // not an integer token
+      R"({"data_version":"12","last_fetch_time":5,"data_version":"13"})",  // repeated
+      R"({"last_fetch_time":5,"data_version":"12"})",                      // not ascending
+      R"({"data_version":"1\u0032","last_fetch_time":5})",                 // an escape
+      R"({"data_version":"12","last_fetch_time":5} trailing)",
+      R"({"data_version":"12",/* note */"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":{"a":{}},"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":{"a":"d"},"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":[],"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":{"a":{"sha384_digest":1}},"last_fetch_time":5})",
+      R"({"data_version":"12","last_fetch_time":5,"x":true})",
+      R"({"data_version":"12","last_fetch_time":5,"x":null})",
+      R"({"data_version":"12","last_fetch_time":5,)",
+      R"({"data_version":"12","last_fetch_time":5,})",
+  };
+  for (const std::string& text : decline)
+    EXPECT_EQ(Quick(text), std::nullopt) << text;
+}
+
+// Bytes changed, removed or added anywhere in a written status file: whenever
+// the quick reading accepts the result, the full reading gives the same.
+TEST(StatusScan, DamagedFilesNeverReadDifferently) {
+  const std::string original = Written(Recorded(20250601, 3));
+  const std::string alphabet = "{}[]:,\"\\ \t\n/-+.eE0123456789abx";
+  std::mt19937 random(20250601);
+  int accepted = 0;
+  for (int round = 0; round < 20000; ++round) {
+    std::string text = original;
+    for (int edit = 0, edits = 1 + static_cast<int>(random() % 3); edit < edits; ++edit) {
+      const size_t at = random() % text.size();
+      const char c = alphabet[random() % alphabet.size()];
+      switch (random() % 3) {
+        case 0:
+          text[at] = c;
+          break;
+        case 1:
+          text.erase(at, 1);
+          break;
+        default:
+          text.insert(at, 1, c);
+      }
+    }
+    const std::optional<int> quick = Quick(text);
+    if (!quick)
+      continue;
+    ++accepted;
+    ASSERT_EQ(quick, FullReading(text)) << text;
+  }
+  EXPECT_GT(accepted, 100) << "harmless edits (spaces, digits of the digests) are still read";
+}
+
+TEST(StatusScan, InfoGetterReadsQuicklyOnlyWhatItWroteItself) {
+  Sandbox sandbox;
+  LogCapture log;
+  auto io = std::make_shared<IOUtils>();
+  auto config = std::make_shared<ServiceConfig>(std::make_shared<Config>(io));
+  const InfoGetter info(io, config);
+
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt) << "no status file";
+  info.SetDatabaseStatus("db", Recorded(20250601, 2));
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+  EXPECT_EQ(info.GetDatabaseStatus("db").data_version, 20250601);
+
+  const std::string path = sandbox.Path("/var/lib/data_update/db/version.json");
+  WriteFile(path, R"({"data_version":"5","last_fetch_time":1,"data_version":"6"})");
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt) << "left to the full reading";
+  EXPECT_TRUE(log.Lines().empty()) << "the quick reading logs nothing";
+
+  // A substitute IOUtils is asked, as ever.
+  struct Substitute : IOUtils {};
+  const InfoGetter substituted(std::make_shared<Substitute>(), config);
+  info.SetDatabaseStatus("db", Recorded(20250602, 2));
+  EXPECT_EQ(substituted.QuickInstalledVersion("db"), std::nullopt);
+  EXPECT_EQ(substituted.GetDatabaseStatus("db").data_version, 20250602);
+}
