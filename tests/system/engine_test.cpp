@@ -411,33 +411,3 @@ TEST_F(EngineTest, DiffChainToFourThenFixerRepairsCorruption) {
 }
 
 }  // namespace
-
-// The prepared files of a diff are moved into place, except one that two
-// names share ("/a.b" and "/a_b" flatten alike): both are copied from it.
-TEST_F(EngineTest, DiffChainInstallsTwoNamesThatShareATemporaryFile) {
-  std::string table(32 << 10, '\0');  // does not compress: the diff is announced
-  unsigned long long x = 88172645463325252ull;
-  for (char& c : table) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    c = static_cast<char>(x);
-  }
-  repo.SetFile("db1", 1, "table.bin", table);
-  ASSERT_EQ(repo.Publish(), 0);
-  const DatabaseStatus installed = UpdateTo(Never());
-  repo.CopyVersion("db1", 1, 2);
-  repo.SetFile("db1", 2, "a.b", "the same text\n");
-  repo.SetFile("db1", 2, "a_b", "the same text\n");
-  repo.SetFile("db1", 2, "new.txt", "created in two\n");
-  ASSERT_EQ(repo.Publish(), 0);
-  ASSERT_EQ(repo.Diffs("db1").size(), 1u);
-
-  log.Clear();
-  const DatabaseStatus status = UpdateTo(installed);
-  EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
-  EXPECT_EQ(status.data_version, 2);
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2), true), "");
-  EXPECT_TRUE(CheckStatus(status.file_statuses, prefix));
-  EXPECT_TRUE(NoTemporaryFiles());
-}
