@@ -42,14 +42,7 @@ TEST(PlatformExec, FixedArityFormStopsAtFirstNullAndFailsNegative) {
   EXPECT_LT(VLIBCExec("/bin/mv", (dir / "none").c_str(), (dir / "x").c_str(), nullptr, nullptr), 0);
 }
 
-TEST(PlatformFileExist, AnswersFromStat) {
-  TempDir dir;
-  EXPECT_NE(VLIBCFileExist(dir.path().c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist((dir / "none").c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist(nullptr), 0);
-}
-
-TEST(PlatformMkdir, CreatesParentsWithMode0755AndAcceptsExisting) {
+TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) {
   TempDir dir;
   const std::string deep = dir / "a/b/c/";
   ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
@@ -62,6 +55,10 @@ TEST(PlatformMkdir, CreatesParentsWithMode0755AndAcceptsExisting) {
   vesk::test::WriteFile(dir / "f", "x");
   EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
+
+  EXPECT_NE(VLIBCFileExist(deep.c_str()), 0);
+  EXPECT_EQ(VLIBCFileExist((dir / "none").c_str()), 0);
+  EXPECT_EQ(VLIBCFileExist(nullptr), 0);
 }
 
 TEST(PlatformUserAgent, RefusesTooSmallBuffers) {
