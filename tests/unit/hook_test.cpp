@@ -96,16 +96,6 @@ TEST_F(HookSandbox, InitFailureIsLoggedOnceThenEachArgumentAndActionIsRefused) {
                           }));
 }
 
-TEST_F(HookSandbox, AFailingPluginMakesTheActionFalseAndIsLogged) {
-  WritePlugin("1-fails", "exit 1");
-  WritePlugin("2-runs");
-  UpdateHook hook("db1", {"a.db"});
-  EXPECT_FALSE(hook.ExecPost());
-  EXPECT_EQ(Record(), (std::vector<std::string>{"5|db1|a.db|:|set", "5|db1|a.db|:|set"}));
-  EXPECT_EQ(log_.Lines(),
-            (std::vector<std::string>{"err: hook.cpp:107 Failed to exec hook at action [5]"}));
-}
-
 TEST_F(HookSandbox, WithoutPluginsBothActionsSucceedAndOnlyARefusedArgumentIsLogged) {
   UpdateHook hook("db1", {"a.db"});
   EXPECT_FALSE(hook.SetEnv("BAD=KEY", "v1"));
