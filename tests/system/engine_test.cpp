@@ -107,13 +107,17 @@ class EngineTest : public ::testing::Test {
   std::string prefix = sandbox.volume() + "/@database/autoupdate/db1";
 };
 
-TEST_F(EngineTest, FirstInstallFallsBackToFullAndRecordsEveryFile) {
+TEST_F(EngineTest, FullInstallReplacesWhateverTheDirectoryHeldAndRecordsEveryFile) {
   repo.SetFile("db1", 1, "a.txt", "alpha");
   repo.SetFile("db1", 1, "dir/sub/b.txt", "beta");
   ASSERT_EQ(repo.Publish(), 0);
+  WriteFile(prefix + "/stale.txt", "old");
+  WriteFile(prefix + "/stale_dir/inner/x", "old");
+  WriteFile(prefix + "/a.txt", "old content");
 
   DatabaseStatus status = UpdateTo(Never());
   EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 1)), "");
+  EXPECT_FALSE(fs::exists(prefix + "/stale_dir"));
   EXPECT_EQ(status.data_version, 1);
   EXPECT_EQ(status.last_fetch_time, repo.Remote("db1").last_fetch_time);
   ASSERT_EQ(status.file_statuses.size(), 2u);
@@ -125,36 +129,21 @@ TEST_F(EngineTest, FirstInstallFallsBackToFullAndRecordsEveryFile) {
   EXPECT_TRUE(log.Contains("notice: updater.cpp:84 Prepare full update: db1"));
   EXPECT_TRUE(log.Contains("notice: updater.cpp:92 Apply update: db1"));
   EXPECT_TRUE(NoTemporaryFiles());
-}
 
-TEST_F(EngineTest, FullInstallEmptiesTheInstallDirectoryFirst) {
-  repo.SetFile("db1", 1, "keep.txt", "package file");
+  fs::create_directories(repo.SourceDir("db1", 2));  // an empty package
   ASSERT_EQ(repo.Publish(), 0);
-  WriteFile(prefix + "/stale.txt", "old");
-  WriteFile(prefix + "/stale_dir/inner/x", "old");
-  WriteFile(prefix + "/keep.txt", "old content");
-
-  UpdateTo(Never());
-  EXPECT_EQ(Snapshot(prefix), (std::map<std::string, std::string>{{"keep.txt", "package file"}}));
-  EXPECT_FALSE(fs::exists(prefix + "/stale_dir"));
-}
-
-TEST_F(EngineTest, EmptyPackageLeavesAnEmptyInstallDirectory) {
-  fs::create_directories(repo.SourceDir("db1", 1));
-  ASSERT_EQ(repo.Publish(), 0);
-  WriteFile(prefix + "/stale.txt", "old");
-  DatabaseStatus status = UpdateTo(Never());
+  status = UpdateTo(Never());
   EXPECT_TRUE(fs::is_empty(prefix));
   EXPECT_TRUE(status.file_statuses.empty());
 }
 
-TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrder) {
-  InstallOneThenPublishFour();
+TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrderThenFixerRepairsCorruption) {
+  const DatabaseStatus one = InstallOneThenPublishFour();
   ASSERT_EQ(repo.Diffs("db1").size(), 3u);
-  DatabaseStatus status = UpdateTo(Installed(1));
+  DatabaseStatus status = UpdateTo(one);
   EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
   EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4), true), "");
-  EXPECT_EQ(status.data_version, 4);
+  ASSERT_EQ(status.data_version, 4);
   EXPECT_FALSE(fs::exists(prefix + "/extra/new.txt"));  // created in 2, deleted in 3
   const std::string db = prefix + "/data/items.db";
   EXPECT_EQ(Query(db, "SELECT count(*) FROM items;"), "256\n");
@@ -164,6 +153,20 @@ TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrder) {
   EXPECT_TRUE(CheckStatus(status.file_statuses, prefix));
   EXPECT_EQ(status.file_statuses.count("/readme.txt"), 1u);
   EXPECT_TRUE(NoTemporaryFiles());
+
+  Fixer fixer("db1", repo.Remote("db1"), volume, prefix, volume);
+  EXPECT_FALSE(fixer.IsFixNeeded(status));
+  WriteFile(prefix + "/readme.txt", "tampered");
+  log.Clear();
+  EXPECT_TRUE(fixer.IsFixNeeded(status));
+  EXPECT_FALSE(log.Matching("digest check fail").empty());
+  EXPECT_TRUE(log.Contains("info: updater.cpp:123 db1 file check fail, Need Fix"));
+
+  DatabaseStatus fixed = fixer.Fix();
+  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
+  EXPECT_FALSE(fixer.IsFixNeeded(fixed));
+  EXPECT_TRUE(fixer.IsFixNeeded(Never()));
+  EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
 }
 
 TEST_F(EngineTest, BrokenChainFallsBackToFullWithOneWarning) {
@@ -256,30 +259,20 @@ TEST_F(EngineTest, ReaderHoldingTheUsingLockDelaysTheReplacement) {
   repo.SetFile("db1", 2, "a.txt", "two");
   ASSERT_EQ(repo.Publish(), 0);
 
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t reader = fork();
-  if (reader == 0) {
-    int fd = VESKDBUDGetFileLock("db1", 5);
-    char byte = fd >= 0 ? 'y' : 'n';
-    if (write(ready[1], &byte, 1) != 1)
-      _exit(3);
+  ForkedChild reader([&](const ForkedChild::Channel& parent) {
+    const int fd = VESKDBUDGetFileLock("db1", 5);
+    parent.Send(fd >= 0 ? 'y' : 'n');
     usleep(1500 * 1000);
     // The files must still be the old ones while the reader holds the lock.
-    bool unchanged = ReadFile(prefix + "/a.txt") == "one";
+    const bool unchanged = ReadFile(prefix + "/a.txt") == "one";
     VESKDBUDReleaseFileLock(fd);
-    _exit(unchanged ? 0 : 1);
-  }
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  ASSERT_EQ(byte, 'y');
-  auto start = std::chrono::steady_clock::now();
+    return unchanged ? 0 : 1;
+  });
+  ASSERT_EQ(reader.Receive(), 'y');
+  const auto start = std::chrono::steady_clock::now();
   UpdateTo(Installed(1));
-  double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  int status = 0;
-  waitpid(reader, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_GE(waited, 1.0);
+  EXPECT_GE(SecondsSince(start), 1.0);
+  EXPECT_EQ(reader.Wait(), 0);
   EXPECT_EQ(ReadFile(prefix + "/a.txt"), "two");
 }
 
@@ -361,27 +354,6 @@ TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
     GTEST_SKIP() << "private mount namespaces are not permitted here";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "10 install failed, 11 no refusal, 12 other error, "
                                        "13 installed files changed, 14 temporary files left";
-}
-
-TEST_F(EngineTest, DiffChainToFourThenFixerRepairsCorruption) {
-  DatabaseStatus status = UpdateTo(InstallOneThenPublishFour());
-  ASSERT_EQ(status.data_version, 4);
-  EXPECT_TRUE(log.Matching("Diff update fail").empty());
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4), true), "");
-  Fixer fixer("db1", repo.Remote("db1"), volume, prefix, volume);
-  EXPECT_FALSE(fixer.IsFixNeeded(status));
-
-  WriteFile(prefix + "/readme.txt", "tampered");
-  log.Clear();
-  EXPECT_TRUE(fixer.IsFixNeeded(status));
-  EXPECT_FALSE(log.Matching("digest check fail").empty());
-  EXPECT_TRUE(log.Contains("info: updater.cpp:123 db1 file check fail, Need Fix"));
-
-  DatabaseStatus fixed = fixer.Fix();
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
-  EXPECT_FALSE(fixer.IsFixNeeded(fixed));
-  EXPECT_TRUE(fixer.IsFixNeeded(Never()));
-  EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
 }
 
 }  // namespace
