@@ -1,7 +1,7 @@
 // Volume enumeration over real mounts. Each test forks a child that enters a
 // private mount namespace (so nothing it mounts is seen by the host), mounts
 // small tmpfs volumes and checks the platform's answers; the child reports its
-// findings through a pipe and its exit status. Where namespaces are not
+// findings through a file and its exit status. Where namespaces are not
 // permitted the tests are skipped with the reason.
 #include <errno.h>
 #include <fcntl.h>
@@ -9,11 +9,11 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -58,63 +58,35 @@ class Checks {
   std::vector<std::string> failures_;
 };
 
-void WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0)
-      return;
-    done += static_cast<size_t>(n);
-  }
-}
-
 // Runs `body` in a forked child inside a private mount namespace. Failures it
 // records become test failures; a namespace that cannot be made skips.
 void InMountNamespace(const std::function<void(Checks&)>& body) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
-  int fds[2];
-  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    close(fds[0]);
-    if (unshare(CLONE_NEWNS) != 0) {
-      WriteAll(fds[1], std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno));
-      _exit(kSkipStatus);
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      WriteAll(fds[1], std::string("making / private: ") + std::strerror(errno));
-      _exit(kSkipStatus);
+  vesk::test::TempDir dir;
+  const std::string report_path = dir / "report";
+  vesk::test::ForkedChild child([&](const vesk::test::ForkedChild::Channel&) {
+    std::ofstream report(report_path);
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
+      report << "no private mount namespace: " << std::strerror(errno);
+      return kSkipStatus;
     }
     Checks checks;
     body(checks);
-    std::string report;
     for (const auto& line : checks.failures())
-      report += line + "\n";
-    WriteAll(fds[1], report);
-    _exit(checks.failures().empty() ? 0 : 1);
-  }
-  close(fds[1]);
-  std::string report;
-  char buffer[4096];
-  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) != 0;) {
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      break;
-    report.append(buffer, static_cast<size_t>(n));
-  }
-  close(fds[0]);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status)) << "child died: status " << status;
-  if (WEXITSTATUS(status) == kSkipStatus)
-    GTEST_SKIP() << "no private mount namespace: " << report;
+      report << line << "\n";
+    return checks.failures().empty() ? 0 : 1;
+  });
+  const int status = child.Wait();
+  const std::string report =
+      vesk::test::Exists(report_path) ? vesk::test::ReadFile(report_path) : "";
+  ASSERT_NE(status, -1) << "the child died: " << report;
+  if (status == kSkipStatus)
+    GTEST_SKIP() << report;
   std::istringstream lines(report);
   for (std::string line; std::getline(lines, line);)
     ADD_FAILURE() << line;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(status, 0);
 }
 
 bool MountTmpfs(Checks& checks, const std::string& where, const char* options,
