@@ -31,12 +31,6 @@ TEST(Log, MirrorLineCarriesLevelLabelAndLine) {
   EXPECT_EQ(capture.Lines().size(), 4u);
 }
 
-TEST(Log, EveryPriorityHasItsName) {
-  const char* expected[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
-  for (int p = LOG_EMERG; p <= LOG_DEBUG; ++p)
-    EXPECT_STREQ(log::LevelName(p), expected[p]);
-}
-
 TEST(Log, LinesFromSeveralProcessesAreNotInterleaved) {
   vesk::test::LogCapture capture;
   const std::string long_text(1500, 'x');
