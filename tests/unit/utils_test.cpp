@@ -219,8 +219,8 @@ TEST(FlatFileName, SlashesAndDotsBecomeUnderscores) {
 
 TEST(NoexceptFormat, ArgumentCountMismatchGivesTextNotException) {
   EXPECT_EQ((NoexceptFormat("Fail to create dir %s") % "/x").str(), "Fail to create dir /x");
-  EXPECT_NO_THROW((NoexceptFormat("%s and %s") % "one").str());
-  EXPECT_NO_THROW((NoexceptFormat("%s") % "one" % "two").str());
+  EXPECT_EQ((NoexceptFormat("%s and %s") % "one").str(), "one and ");
+  EXPECT_EQ((NoexceptFormat("%s") % "one" % "two").str(), "one");
   EXPECT_EQ((NoexceptFormat("Failed to enum all volumes: %x") % 255).str(),
             "Failed to enum all volumes: ff");
 }
