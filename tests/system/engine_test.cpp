@@ -8,6 +8,7 @@
 
 #include <boost/filesystem.hpp>
 #include <chrono>
+#include <functional>
 
 #include "dataupdate/project_lock.h"
 #include "dataupdate/strategy.h"
@@ -169,66 +170,50 @@ TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrderThenFixerRepairsCorruption
   EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
 }
 
-TEST_F(EngineTest, BrokenChainFallsBackToFullWithOneWarning) {
+TEST_F(EngineTest, EveryDiffFailureFallsBackToTheFullPackageWithExactlyOneWarning) {
   InstallOneThenPublishFour();
-  auto diffs = repo.Diffs("db1");
-  diffs.erase(3);
-  DatabaseStatus status =
-      Updater().Update("db1", Installed(1), repo.Remote("db1"), diffs, volume, prefix, volume);
-  EXPECT_EQ(log.Matching("Diff update fail, try full update: No sufficient diff patched").size(),
-            1u);
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
-  EXPECT_EQ(status.data_version, 4);
-  EXPECT_TRUE(NoTemporaryFiles());
-}
-
-TEST_F(EngineTest, MissingDeltaDecoderFallsBackToFull) {
-  InstallOneThenPublishFour();
-  fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff");
-  UpdateTo(Installed(1));
-  auto warnings = log.Matching("Diff update fail, try full update: Fail to apply vcdiff on ");
-  EXPECT_EQ(warnings.size(), 1u);
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
-  EXPECT_TRUE(NoTemporaryFiles());
-}
-
-TEST_F(EngineTest, UnsupportedDiffTypeFallsBackToFull) {
-  repo.SetFile("db1", 1, "readme.txt", "one");
-  ASSERT_EQ(repo.Publish(), 0);
-  DatabaseStatus installed = UpdateTo(Never());
-  repo.CopyVersion("db1", 1, 2);
-  repo.SetFile("db1", 2, "readme.txt", "two");
-  ASSERT_EQ(repo.Publish(), 0);
-
   // A diff package signed by the trusted key whose input has an unknown type.
-  TempDir craft;
-  WriteTarball(craft / "diff.tar",
+  WriteTarball(sandbox / "diff.tar",
                {FileEntry("patch_infos.json",
                           R"({"/readme.txt": {"operation": "update", "input_file": "r.bsdiff"}})"),
                 FileEntry("r.bsdiff", "BSDIFF40")});
   auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
-  vesk::publish::SignArchive(craft / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6);
-  std::map<int, DiffInfo> diffs{{2, DiffInfo(repo.BaseUrl() + "/crafted.pkg", 100)}};
-
-  log.Clear();
-  Updater().Update("db1", installed, repo.Remote("db1"), diffs, volume, prefix, volume);
-  EXPECT_EQ(log.Matching("Diff update fail"),
-            std::vector<std::string>{"warning: updater.cpp:83 Diff update fail, try full update: "
-                                     "Unsupported diff type: .bsdiff"});
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2)), "");
-  EXPECT_TRUE(NoTemporaryFiles());
-}
-
-TEST_F(EngineTest, FailingSqlDiffFallsBackToFull) {
-  InstallOneThenPublishFour();
-  // A local row where version 3 inserts one makes that version's SQL fail.
-  ASSERT_EQ(Shell("sqlite3 " + ShellQuote(prefix + "/data/items.db") +
-                  " \"INSERT INTO items VALUES(230, 'local');\""),
-            0);
-  UpdateTo(Installed(1));
-  auto warnings = log.Matching("Diff update fail, try full update: Fail apply sql cmd: ");
-  EXPECT_EQ(warnings.size(), 1u);
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
+  vesk::publish::SignArchive(sandbox / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6);
+  const RemoteInfo one(1, 0, false, repo.BaseUrl() + "/db1/v1/full.pkg");
+  struct Case {
+    const char* warning;
+    std::function<void(std::map<int, DiffInfo>&)> damage;
+  };
+  const Case cases[] = {
+      {"No sufficient diff patched", [](auto& diffs) { diffs.erase(3); }},
+      {"Unsupported diff type: .bsdiff",
+       [&](auto& diffs) { diffs.at(2) = DiffInfo(repo.BaseUrl() + "/crafted.pkg", 100); }},
+      {"Fail apply sql cmd: ",  // a local row where version 3 inserts one
+       [&](auto&) { Query(prefix + "/data/items.db", "INSERT INTO items VALUES(230, 'local');"); }},
+      {"Fail to apply vcdiff on ",
+       [&](auto&) { fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff"); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.warning);
+    Updater().Update("db1", Never(), one, {}, volume, prefix, volume);
+    ASSERT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 1)), "");
+    auto diffs = repo.Diffs("db1");
+    c.damage(diffs);
+    log.Clear();
+    const DatabaseStatus status =
+        Updater().Update("db1", Installed(1), repo.Remote("db1"), diffs, volume, prefix, volume);
+    const auto warnings = log.Matching("Diff update fail");
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0].rfind(std::string("warning: updater.cpp:83 Diff update fail, try full "
+                                            "update: ") +
+                                    c.warning,
+                                0),
+              0u)
+        << warnings[0];
+    EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
+    EXPECT_EQ(status.data_version, 4);
+    EXPECT_TRUE(NoTemporaryFiles());
+  }
 }
 
 TEST_F(EngineTest, FailedSqlDiffRollsBackEveryStatement) {
