@@ -188,7 +188,7 @@ TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyStatusJsonAgreesAndFix
   EXPECT_EQ(Cli("fix db1").out, "db1: files intact at 20250601\n");
 }
 
-TEST_F(CliTest, UpdateFollowsTheDiffChainAndReportsBothVersions) {
+TEST_F(CliTest, UpdateFollowsTheDiffChainForceInstallGoesBackAndTheNextUpdateReturns) {
   PublishFirst();
   ASSERT_EQ(Cli("update db1").status, 0);
   PublishSecondAndThird();
@@ -210,13 +210,8 @@ TEST_F(CliTest, UpdateFollowsTheDiffChainAndReportsBothVersions) {
   EXPECT_EQ(last["version_before"].asInt(), kV1);
   EXPECT_EQ(last["version_after"].asInt(), kV3);
   EXPECT_EQ(last["outcome"].asString(), "updated");
-}
 
-TEST_F(CliTest, ForceInstallGoesBackAndTheNextUpdateReturns) {
-  PublishFirst();
-  PublishSecondAndThird();
-  ASSERT_EQ(Cli("update db1").status, 0);
-
+  // A forced install goes back, and the next update returns.
   const Outcome back = Cli("force-install db1 -2");
   EXPECT_EQ(back.status, 0) << back.err;
   EXPECT_EQ(back.out, "db1: installed 20250601 (forced; was 20250603)\n");
@@ -369,9 +364,29 @@ TEST_F(CliTest, IsUpdatingFollowsTheUpdateLocks) {
   EXPECT_EQ(Cli("is-updating db1").status, 1);
 }
 
-TEST_F(CliTest, RunLockedHoldsTheReadLockWhileAnUpdateWaits) {
+TEST_F(CliTest, RunLockedReportsItsStatusesAndHoldsTheReadLockWhileAnUpdateWaits) {
   PublishFirst();
   ASSERT_EQ(Cli("update db1").status, 0);
+  {
+    FileLock writer(sandbox.Path("/run/data_update/using_db1.lock"), 0);
+    const Outcome o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
+    EXPECT_EQ(o.status, 124);
+    EXPECT_GE(o.seconds, 0.9);
+    EXPECT_LT(o.seconds, 5.0);
+    EXPECT_FALSE(Exists(io / "ran"));
+    EXPECT_EQ(o.err,
+              "veskdbud: run-locked: the read lock of 'db1' was not free within 1 s: an update is "
+              "replacing its files\n");
+  }
+  const Outcome never = Cli("run-locked db2 -- true");  // never updated: no lock file
+  EXPECT_EQ(never.status, 125);
+  EXPECT_NE(never.err.find(sandbox.Path("/run/data_update/using_db2.lock")), std::string::npos);
+
+  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'exit 7'").status, 7);
+  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'kill -TERM $$'").status, 128 + 15);
+  EXPECT_EQ(Cli("run-locked db1 -- /nonexistent/program").status, 127);
+  EXPECT_EQ(Cli("run-locked db1 --timeout=0 -- echo hello").out, "hello\n");
+
   PublishSecondAndThird();
 
   // The reader copies the file, says it holds the lock, waits 2 s, copies it again.
@@ -396,30 +411,6 @@ TEST_F(CliTest, RunLockedHoldsTheReadLockWhileAnUpdateWaits) {
   EXPECT_EQ(ReadFile(io / "first"), "db1 release one\n");
   EXPECT_EQ(ReadFile(io / "second"), "db1 release one\n");  // not replaced under the reader
   EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
-}
-
-TEST_F(CliTest, RunLockedReportsTimeoutMissingLockAndTheCommandsStatus) {
-  PublishFirst();
-  ASSERT_EQ(Cli("update db1").status, 0);
-  {
-    FileLock writer(sandbox.Path("/run/data_update/using_db1.lock"), 0);
-    const Outcome o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
-    EXPECT_EQ(o.status, 124);
-    EXPECT_GE(o.seconds, 0.9);
-    EXPECT_LT(o.seconds, 5.0);
-    EXPECT_FALSE(Exists(io / "ran"));
-    EXPECT_EQ(o.err,
-              "veskdbud: run-locked: the read lock of 'db1' was not free within 1 s: an update is "
-              "replacing its files\n");
-  }
-  const Outcome never = Cli("run-locked db2 -- true");  // never updated: no lock file
-  EXPECT_EQ(never.status, 125);
-  EXPECT_NE(never.err.find(sandbox.Path("/run/data_update/using_db2.lock")), std::string::npos);
-
-  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'exit 7'").status, 7);
-  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'kill -TERM $$'").status, 128 + 15);
-  EXPECT_EQ(Cli("run-locked db1 -- /nonexistent/program").status, 127);
-  EXPECT_EQ(Cli("run-locked db1 --timeout=0 -- echo hello").out, "hello\n");
 }
 
 TEST_F(CliTest, ATerminalShowsDownloadProgressAndVerboseMirrorsTheLogUnlessAFileIsChosen) {
