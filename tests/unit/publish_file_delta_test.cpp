@@ -130,24 +130,18 @@ TEST_F(FileDeltaTest, SqliteChangeBeyondStatementsFallsBackToVcdiff) {
 }
 
 TEST_F(FileDeltaTest, CreatedDeletedUnchangedAndSmallRewrittenFiles) {
+  // "<operation>|<input name>|<input path>|<note>", or "unchanged".
+  auto diff = [&](const std::string& name, const std::string& from, const std::string& to) {
+    auto e = DiffFile(name, from, to, Scratch("s"));
+    return e ? e->operation + "|" + e->input_name + "|" + e->input_path + "|" + e->note
+             : std::string("unchanged");
+  };
   WriteFile(dir / "a", "same");
   WriteFile(dir / "b", "same");
-  EXPECT_FALSE(DiffFile("x", dir / "a", dir / "b", Scratch("s")));
-  auto created = DiffFile("n/x", "", dir / "a", Scratch("s"));
-  ASSERT_TRUE(created);
-  EXPECT_EQ(created->operation, "create");
-  EXPECT_EQ(created->input_name, "create/n/x");
-  auto deleted = DiffFile("n/x", dir / "a", "", Scratch("s"));
-  ASSERT_TRUE(deleted);
-  EXPECT_EQ(deleted->operation, "delete");
-  EXPECT_EQ(deleted->input_name, "");
-  EXPECT_EQ(deleted->input_path, "");
-
+  EXPECT_EQ(diff("x", dir / "a", dir / "b"), "unchanged");
+  EXPECT_EQ(diff("n/x", "", dir / "a"), "create|create/n/x|" + dir / "a" + "|");
+  EXPECT_EQ(diff("n/x", dir / "a", ""), "delete|||");
   WriteFile(dir / "b", "different");
-  auto whole = DiffFile("x", dir / "a", dir / "b", Scratch("s"));
-  ASSERT_TRUE(whole);
-  EXPECT_EQ(whole->operation, "create");
-  EXPECT_EQ(whole->input_name, "create/x");
-  EXPECT_EQ(whole->input_path, dir / "b");
-  EXPECT_EQ(whole->note, "delta not smaller than the file");
+  EXPECT_EQ(diff("x", dir / "a", dir / "b"),
+            "create|create/x|" + dir / "b" + "|delta not smaller than the file");
 }
