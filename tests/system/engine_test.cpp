@@ -8,6 +8,7 @@
 
 #include <boost/filesystem.hpp>
 #include <chrono>
+#include <fstream>
 #include <functional>
 
 #include "dataupdate/project_lock.h"
@@ -292,13 +293,7 @@ TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
   // 6 MiB that do not compress: the package and its extraction fit in the
   // 16 MiB volume, but installing them would leave less than 5% free.
   std::string big(6u << 20, '\0');
-  unsigned long long x = 88172645463325252ull;
-  for (char& c : big) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    c = static_cast<char>(x);
-  }
+  std::ifstream("/dev/urandom", std::ios::binary).read(&big[0], static_cast<long>(big.size()));
   repo.CopyVersion("db1", 1, 2);
   repo.SetFile("db1", 2, "big.bin", big);
   ASSERT_EQ(repo.Publish(), 0);
