@@ -110,6 +110,13 @@ std::map<std::string, VESKVolInfo> Enumerate(Checks& checks) {
   return found;
 }
 
+// "mounted=<0|1> statvfs=<0|1> rw=<0|1> policy=<0|1> <fs_type>"
+std::string Describe(const VESKVolInfo& r) {
+  return "mounted=" + std::to_string(r.mounted) + " statvfs=" + std::to_string(r.stat_ready) +
+         " rw=" + std::to_string(r.flags & VESK_VOL_FLAG_RW) +
+         " policy=" + std::to_string(VESKVolumeServicePolicy(&r) != 0) + " " + r.fs_type;
+}
+
 TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
@@ -139,23 +146,16 @@ TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) 
     if (found.size() < 4)
       return;
 
-    const VESKVolInfo& one = found["/volume1"];
-    checks.Equal(one.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "/volume1 read-write flag");
-    checks.Equal(one.mounted, 1, "/volume1 mounted");
-    checks.Equal(one.stat_ready, 1, "/volume1 statvfs");
-    checks.Equal(std::string(one.fs_type), std::string("tmpfs"), "/volume1 fs_type");
-    checks.Between(one.avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "/volume1 avail_bytes");
-    checks.Expect(VESKVolumeServicePolicy(&one) != 0, "/volume1 refused by policy");
+    checks.Equal(Describe(found["/volume1"]), "mounted=1 statvfs=1 rw=1 policy=1 tmpfs",
+                 "/volume1");
+    checks.Equal(Describe(found["/volume3"]), "mounted=1 statvfs=1 rw=0 policy=0 tmpfs",
+                 "/volume3 (read-only)");
+    checks.Between(found["/volume1"].avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB,
+                   "/volume1 avail_bytes");
     checks.Between(found["/volume2"].avail_bytes, 8 * kMiB - 64 * 1024, 8 * kMiB,
                    "/volume2 avail_bytes");
     checks.Between(found["/volume"].avail_bytes, 2 * kMiB - 64 * 1024, 2 * kMiB,
                    "/volume avail_bytes");
-
-    const VESKVolInfo& three = found["/volume3"];
-    checks.Equal(three.flags & VESK_VOL_FLAG_RW, 0u, "/volume3 (read-only) read-write flag");
-    checks.Equal(three.mounted, 1, "/volume3 mounted");
-    checks.Equal(three.stat_ready, 1, "/volume3 statvfs");
-    checks.Equal(VESKVolumeServicePolicy(&three), 0, "/volume3 (read-only) policy");
 
     // Space used on the volume shows in the next answer.
     const int fd = open("/volume1/filler", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -209,21 +209,16 @@ TEST(VolumeNamespace, ConfiguredVolumesSeeReadOnlyBindsAndTheirFileSystemType) {
 
     auto found = Enumerate(checks);
     checks.Equal(found.size(), 3u, "configured volumes listed");
-    const VESKVolInfo& tmp = found[spaced];
-    checks.Equal(std::string(tmp.fs_type), std::string("tmpfs"), "fs_type below an escaped path");
-    checks.Between(tmp.avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "tmpfs avail_bytes");
-    checks.Equal(tmp.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "tmpfs read-write flag");
-    checks.Expect(VESKVolumeServicePolicy(&tmp) != 0, "tmpfs refused by policy");
-
-    const VESKVolInfo& ro = found[read_only];
-    checks.Equal(ro.mounted, 1, "read-only bind mounted");
-    checks.Equal(ro.stat_ready, 1, "read-only bind statvfs");
-    checks.Equal(ro.flags & VESK_VOL_FLAG_RW, 0u, "read-only bind read-write flag");
-    checks.Equal(VESKVolumeServicePolicy(&ro), 0, "read-only bind policy");
-
-    const VESKVolInfo& rw = found[plain];
-    checks.Equal(rw.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "plain directory read-write");
-    checks.Expect(rw.fs_type[0] != '\0', "plain directory has no fs_type");
+    checks.Equal(Describe(found[spaced]), "mounted=1 statvfs=1 rw=1 policy=1 tmpfs",
+                 "tmpfs below an escaped path");
+    checks.Between(found[spaced].avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "tmpfs avail_bytes");
+    checks.Equal(Describe(found[read_only]),
+                 std::string("mounted=1 statvfs=1 rw=0 policy=0 ") + found[read_only].fs_type,
+                 "read-only bind");
+    checks.Equal(Describe(found[plain]),
+                 std::string("mounted=1 statvfs=1 rw=1 policy=1 ") + found[plain].fs_type,
+                 "plain directory");
+    checks.Expect(found[plain].fs_type[0] != '\0', "plain directory has no fs_type");
 
     VESKVolInfo info{};
     checks.Equal(VESKMountVolInfoGet(spaced.c_str(), &info), 0, "InfoGet of a path with a space");
