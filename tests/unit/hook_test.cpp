@@ -10,11 +10,7 @@
 #include "test_support.h"
 
 using vesk::dataupdate::UpdateHook;
-using vesk::test::LogCapture;
-using vesk::test::ReadFile;
-using vesk::test::ScopedEnv;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 
@@ -38,7 +34,7 @@ class HookSandbox : public ::testing::Test {
 
   std::vector<std::string> Record() const {
     std::vector<std::string> lines;
-    if (!vesk::test::Exists(RecordFile()))
+    if (!Exists(RecordFile()))
       return lines;
     std::istringstream in(ReadFile(RecordFile()));
     for (std::string line; std::getline(in, line);)
@@ -63,15 +59,6 @@ TEST_F(HookSandbox, PreAndPostPassTheirActionAndTheThreeArguments) {
   EXPECT_EQ(Record(), (std::vector<std::string>{"4|db1|a.db:b.db|:|set", "5|db1|a.db:b.db|:|set",
                                                 "4|db2||:|set"}));
   EXPECT_EQ(log_.Lines(), std::vector<std::string>{});
-}
-
-TEST_F(HookSandbox, JoinFilesSortsAndJoinsWithoutATrailingDelimiter) {
-  UpdateHook hook("db1", {});
-  EXPECT_EQ(hook.JoinFiles({"b.db", "a.db"}), "a.db:b.db");
-  EXPECT_EQ(hook.JoinFiles({"only.db"}), "only.db");
-  EXPECT_EQ(hook.JoinFiles({}), "");
-  EXPECT_EQ(hook.JoinFiles({"Z", "a", "B"}), "B:Z:a");       // byte order
-  EXPECT_EQ(hook.JoinFiles({"dir/x:y", "c"}), "c:dir/x:y");  // ":" inside a name is kept
 }
 
 TEST_F(HookSandbox, InitFailureIsLoggedOnceThenEachArgumentAndActionIsRefused) {
