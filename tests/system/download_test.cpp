@@ -5,10 +5,7 @@
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::Exists;
-using vesk::test::ReadFile;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 class DownloadTest : public ::testing::Test {
  protected:
@@ -22,10 +19,10 @@ TEST_F(DownloadTest, FetchesOrReplacesTheDestinationAndLogsTheUserAgent) {
   for (size_t i = 0; i < payload.size(); ++i)
     payload[i] = static_cast<char>(i % 253);
   WriteFile(served / "db/pkg.bin", payload);
-  vesk::test::SetAge(served / "db/pkg.bin", 100);
+  SetAge(served / "db/pkg.bin", 100);
   WriteFile(out / "pkg", std::string(300000, 's'));  // newer and longer: replaced all the same
-  vesk::test::HttpServer server(served.path());
-  vesk::test::LogCapture log;
+  HttpServer server(served.path());
+  LogCapture log;
 
   io.Download(out / "pkg", server.url("/db/pkg.bin"));
   EXPECT_EQ(ReadFile(out / "pkg"), payload);
@@ -36,10 +33,9 @@ TEST_F(DownloadTest, FetchesOrReplacesTheDestinationAndLogsTheUserAgent) {
 }
 
 TEST_F(DownloadTest, NotFoundOrRefusedFailsAndRemovesTheDestination) {
-  vesk::test::HttpServer server(served.path());
+  HttpServer server(served.path());
   for (const std::string& url :
-       {server.url("/missing"),
-        "http://127.0.0.1:" + std::to_string(vesk::test::UnusedPort()) + "/x"}) {
+       {server.url("/missing"), "http://127.0.0.1:" + std::to_string(UnusedPort()) + "/x"}) {
     WriteFile(out / "dest", "previous");
     EXPECT_UPDATE_ERROR(io.Download(out / "dest", url), "Fail to wget url: " + url);
     EXPECT_FALSE(Exists(out / "dest")) << url;

@@ -16,10 +16,7 @@
 
 using vesk::dataupdate::FileLock;
 using vesk::dataupdate::UpdateError;
-using vesk::test::ForkedChild;
-using vesk::test::LogCapture;
-using vesk::test::Sandbox;
-using vesk::test::SecondsSince;
+using namespace vesk::test;
 using Clock = std::chrono::steady_clock;
 
 namespace {

@@ -25,6 +25,8 @@
 #include "vesk/mount_vol.h"
 #include "vlib/vlibc.h"
 
+using namespace vesk::test;
+
 namespace {
 
 constexpr int kSkipStatus = 77;
@@ -63,9 +65,9 @@ class Checks {
 void InMountNamespace(const std::function<void(Checks&)>& body) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
-  vesk::test::TempDir dir;
+  TempDir dir;
   const std::string report_path = dir / "report";
-  vesk::test::ForkedChild child([&](const vesk::test::ForkedChild::Channel&) {
+  ForkedChild child([&](const ForkedChild::Channel&) {
     std::ofstream report(report_path);
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
       report << "no private mount namespace: " << std::strerror(errno);
@@ -78,8 +80,7 @@ void InMountNamespace(const std::function<void(Checks&)>& body) {
     return checks.failures().empty() ? 0 : 1;
   });
   const int status = child.Wait();
-  const std::string report =
-      vesk::test::Exists(report_path) ? vesk::test::ReadFile(report_path) : "";
+  const std::string report = Exists(report_path) ? ReadFile(report_path) : "";
   ASSERT_NE(status, -1) << "the child died: " << report;
   if (status == kSkipStatus)
     GTEST_SKIP() << report;
@@ -120,8 +121,7 @@ std::string Describe(const VESKVolInfo& r) {
 TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
-  vesk::test::HostMountPoints points(
-      {"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
+  HostMountPoints points({"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
   if (!points.error().empty())
     GTEST_SKIP() << "cannot create mount points: " << points.error();
 
@@ -189,7 +189,7 @@ TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) 
 }
 
 TEST(VolumeNamespace, ConfiguredVolumesSeeReadOnlyBindsAndTheirFileSystemType) {
-  vesk::test::TempDir dir;
+  TempDir dir;
   const std::string spaced = dir / "data vol";  // "\040" in mountinfo
   const std::string read_only = dir / "ro";
   const std::string plain = dir / "plain";

@@ -11,10 +11,7 @@
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::Exists;
-using vesk::test::ReadFile;
-using vesk::test::Sandbox;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 

@@ -13,9 +13,7 @@
 #include "test_support.h"
 
 using vesk::dataupdate::FileLock;
-using vesk::test::Exists;
-using vesk::test::LogCapture;
-using vesk::test::TempDir;
+using namespace vesk::test;
 
 namespace {
 
@@ -97,7 +95,7 @@ TEST(FileLock, SecondLockOnTheSamePathInOneProcessConflictsAndLogsNothing) {
 
 TEST(FileLock, UncreatableDirectoryOrUnopenableFileFails) {
   TempDir dir;
-  vesk::test::WriteFile(dir / "plain", "a file where a directory should be");
+  WriteFile(dir / "plain", "a file where a directory should be");
   const std::string path = dir / "plain/sub/x.lock";
   std::string filesystem_text;
   try {

@@ -8,9 +8,10 @@
 #include "test_support.h"
 
 namespace log = vesk::dataupdate::log;
+using namespace vesk::test;
 
 TEST(Log, MirrorLineCarriesLevelLabelAndLine) {
-  vesk::test::LogCapture capture;
+  LogCapture capture;
   log::Write(log::site::kLockAcquired, std::string("/run/data_update/update_any.lock"));
   log::Write(log::site::kHookActionFailed, 4);
   log::Write(log::site::kSpaceAvailable, static_cast<intmax_t>(-5));
@@ -23,16 +24,16 @@ TEST(Log, MirrorLineCarriesLevelLabelAndLine) {
                 "err: Failed to init hwid context",
             }));
   {  // Without a usable mirror nothing is written and the caller goes on.
-    vesk::test::ScopedEnv unset("VESKDBUD_LOG_FILE", nullptr);
+    ScopedEnv unset("VESKDBUD_LOG_FILE", nullptr);
     log::Write(log::site::kUpToDate, std::string("db"));
-    vesk::test::ScopedEnv bad("VESKDBUD_LOG_FILE", "/nonexistent/dir/log");
+    ScopedEnv bad("VESKDBUD_LOG_FILE", "/nonexistent/dir/log");
     log::Write(log::site::kUpToDate, std::string("db"));
   }
   EXPECT_EQ(capture.Lines().size(), 4u);
 }
 
 TEST(Log, LinesFromSeveralProcessesAreNotInterleaved) {
-  vesk::test::LogCapture capture;
+  LogCapture capture;
   const std::string long_text(1500, 'x');
   std::vector<pid_t> children;
   for (int c = 0; c < 4; ++c) {

@@ -8,9 +8,7 @@
 #include "vesk/crypto_hwid.h"
 #include "vlib/vlibc.h"
 
-using vesk::test::ScopedEnv;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 

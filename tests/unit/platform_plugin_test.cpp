@@ -17,16 +17,13 @@
 #include "vlib/plugin_sdk.h"
 #include "vlib/vlibc.h"
 
-using vesk::test::ReadFile;
-using vesk::test::ScopedEnv;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 
 std::vector<std::string> LinesOf(const std::string& path) {
   std::vector<std::string> lines;
-  if (!vesk::test::Exists(path))
+  if (!Exists(path))
     return lines;
   std::istringstream in(ReadFile(path));
   for (std::string line; std::getline(in, line);)
@@ -138,7 +135,7 @@ TEST_F(PluginSandbox, OnlyExecutablesFoundAtInitRun) {
 }
 
 TEST_F(PluginSandbox, AMissingDirectoryMeansNoPluginsButAFileInItsPlaceFailsInit) {
-  ASSERT_FALSE(vesk::test::Exists(PluginDir()));
+  ASSERT_FALSE(Exists(PluginDir()));
   VLIBPluginHandle handle = Init();
   EXPECT_EQ(VLIBPluginSetArg(handle, "DATABASE", "db1"), 0);
   EXPECT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
@@ -186,7 +183,7 @@ TEST_F(PluginSandbox, ReleasedAndUnknownHandlesAreRefused) {
   EXPECT_EQ(VLIBCErrGet(), EBADF);
   EXPECT_NE(VLIBPluginExit(0), 0);
   EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle + 1000), 0);
-  EXPECT_FALSE(vesk::test::Exists(RecordFile()));  // nothing ran through a dead handle
+  EXPECT_FALSE(Exists(RecordFile()));  // nothing ran through a dead handle
 }
 
 TEST_F(PluginSandbox, HandlesKeepTheirOwnArguments) {

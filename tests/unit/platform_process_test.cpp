@@ -7,8 +7,7 @@
 #include "vlib/sysinfo.h"
 #include "vlib/vlibc.h"
 
-using vesk::test::ReadFile;
-using vesk::test::TempDir;
+using namespace vesk::test;
 
 TEST(PlatformExec, SuccessOnlyForExitStatusZero) {
   EXPECT_EQ(VLIBCExecl("/bin/true", 187, static_cast<const char*>(nullptr)), 0);
@@ -47,7 +46,7 @@ TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) 
   mode_t mask = umask(0);
   umask(mask);
   EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
-  vesk::test::WriteFile(dir / "f", "x");
+  WriteFile(dir / "f", "x");
   EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
 
@@ -67,17 +66,17 @@ TEST(PlatformUserAgent, RefusesTooSmallBuffers) {
 
 TEST(SandboxRoot, ResolvesFixedPathsOnlyWhenSet) {
   {
-    vesk::test::ScopedEnv unset("VESKDBUD_ROOT", nullptr);
+    ScopedEnv unset("VESKDBUD_ROOT", nullptr);
     EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"), "/run/data_update/x.lock");
   }
   {
-    vesk::test::ScopedEnv set("VESKDBUD_ROOT", "/tmp/sandbox//");
+    ScopedEnv set("VESKDBUD_ROOT", "/tmp/sandbox//");
     EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"),
               "/tmp/sandbox/run/data_update/x.lock");
     EXPECT_EQ(vesk::platform::RootPath("/"), "/tmp/sandbox/");
   }
   {
-    vesk::test::ScopedEnv empty("VESKDBUD_ROOT", "");
+    ScopedEnv empty("VESKDBUD_ROOT", "");
     EXPECT_EQ(vesk::platform::RootPath("/var/db/x"), "/var/db/x");
   }
 }

@@ -15,8 +15,7 @@
 #include "vlib/vlibc.h"
 
 using vesk::platform::MountEntry;
-using vesk::test::ScopedEnv;
-using vesk::test::TempDir;
+using namespace vesk::test;
 
 namespace {
 

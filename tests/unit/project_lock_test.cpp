@@ -12,9 +12,7 @@
 #include "test_support.h"
 
 using vesk::dataupdate::FileLock;
-using vesk::test::Exists;
-using vesk::test::LogCapture;
-using vesk::test::Sandbox;
+using namespace vesk::test;
 
 namespace {
 

@@ -11,8 +11,7 @@
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::ReadFile;
-using vesk::test::Sandbox;
+using namespace vesk::test;
 
 namespace {
 

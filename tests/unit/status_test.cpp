@@ -12,9 +12,7 @@
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::LogCapture;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 

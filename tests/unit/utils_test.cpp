@@ -13,10 +13,7 @@
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::Exists;
-using vesk::test::ReadFile;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 
@@ -112,9 +109,9 @@ TEST_F(IOUtilsTest, WriteJsonCreatesParentsTruncatesAndIndentsWithTabs) {
 TEST_F(IOUtilsTest, FileCreateOverIsStrictlyOlderThan) {
   WriteFile(dir / "f", "x");
   EXPECT_FALSE(io.FileCreateOver(dir / "f", 3600));
-  vesk::test::SetAge(dir / "f", 7200);
+  SetAge(dir / "f", 7200);
   EXPECT_TRUE(io.FileCreateOver(dir / "f", 3600));
-  vesk::test::SetAge(dir / "f", -600);  // in the future: never over
+  SetAge(dir / "f", -600);  // in the future: never over
   EXPECT_FALSE(io.FileCreateOver(dir / "f", 0));
   EXPECT_UPDATE_ERROR(io.FileCreateOver(dir / "none", 1),
                       "Failed to get attribute of " + (dir / "none") + ", errno=2");
