@@ -140,7 +140,7 @@ class CliTest : public ::testing::Test {
   ScopedEnv volumes{"VESK_VOLUMES", volume.c_str()};
 };
 
-TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyAndStatusJsonAgrees) {
+TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyStatusJsonAgreesAndFixRepairs) {
   PublishFirst();
   const Outcome update = Cli("update --all");
   EXPECT_EQ(update.status, 0) << update.err;
@@ -177,9 +177,18 @@ TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyAndStatusJsonAgrees) {
   const Outcome slashed = Cli("status --json db1", "VESKDBUD_ROOT=" + sandbox.root() + "//");
   EXPECT_EQ(ParseJson(slashed.out)["databases"][0]["last_result"]["outcome"].asString(),
             "up to date");
+
+  // fix repairs only the damaged database.
+  WriteFile(Installed("db1") + "/rules/web.rules", "tampered");
+  const Outcome fix = Cli("fix");
+  EXPECT_EQ(fix.status, 0) << fix.err;
+  EXPECT_EQ(fix.out, "db1: repaired: reinstalled 20250601\ndb2: files intact at 20250601\n");
+  EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "");
+  EXPECT_EQ(Entry(Status(), "db1")["last_result"]["outcome"].asString(), "repaired");
+  EXPECT_EQ(Cli("fix db1").out, "db1: files intact at 20250601\n");
 }
 
-TEST_F(CliTest, UpdateFollowsTheDiffChainAndReportsBothVersions) {
+TEST_F(CliTest, UpdateFollowsTheDiffChainForceInstallGoesBackAndTheNextUpdateReturns) {
   PublishFirst();
   ASSERT_EQ(Cli("update db1").status, 0);
   PublishSecondAndThird();
@@ -201,28 +210,8 @@ TEST_F(CliTest, UpdateFollowsTheDiffChainAndReportsBothVersions) {
   EXPECT_EQ(last["version_before"].asInt(), kV1);
   EXPECT_EQ(last["version_after"].asInt(), kV3);
   EXPECT_EQ(last["outcome"].asString(), "updated");
-}
 
-TEST_F(CliTest, FixRepairsOnlyTheDamagedDatabase) {
-  PublishFirst();
-  ASSERT_EQ(Cli("update --all").status, 0);
-  WriteFile(Installed("db1") + "/rules/web.rules", "tampered");
-
-  const Outcome fix = Cli("fix");
-  EXPECT_EQ(fix.status, 0) << fix.err;
-  EXPECT_EQ(fix.out, "db1: repaired: reinstalled 20250601\ndb2: files intact at 20250601\n");
-  EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "");
-  EXPECT_EQ(Entry(Status(), "db1")["last_result"]["outcome"].asString(), "repaired");
-
-  const Outcome again = Cli("fix db1");
-  EXPECT_EQ(again.out, "db1: files intact at 20250601\n");
-}
-
-TEST_F(CliTest, ForceInstallGoesBackAndTheNextUpdateReturns) {
-  PublishFirst();
-  PublishSecondAndThird();
-  ASSERT_EQ(Cli("update db1").status, 0);
-
+  // A forced install goes back, and the next update returns.
   const Outcome back = Cli("force-install db1 -2");
   EXPECT_EQ(back.status, 0) << back.err;
   EXPECT_EQ(back.out, "db1: installed 20250601 (forced; was 20250603)\n");
@@ -239,23 +228,35 @@ TEST_F(CliTest, ForceInstallGoesBackAndTheNextUpdateReturns) {
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
 }
 
-TEST_F(CliTest, UnknownDatabaseIsOneLineWithStatusThree) {
-  for (const char* args : {"update nosuch", "fix nosuch", "force-install nosuch", "status nosuch",
-                           "is-updating nosuch", "run-locked nosuch -- true"}) {
+TEST_F(CliTest, UnknownDatabasesAndUsageErrorsAreOneLineWithTheirStatus) {
+  const std::string unknown = "veskdbud: unknown database 'nosuch' (configured: db1, db2, db3)\n";
+  const std::pair<const char*, int> cases[] = {
+      {"update nosuch", 3},
+      {"fix nosuch", 3},
+      {"force-install nosuch", 3},
+      {"status nosuch", 3},
+      {"is-updating nosuch", 3},
+      {"run-locked nosuch -- true", 3},
+      {"", 2},
+      {"bogus", 2},
+      {"update --bogus", 2},
+      {"update db1 --all", 2},
+      {"update db1 db2", 2},
+      {"volume sideways /x", 2},
+      {"volume mount", 2},
+      {"run-locked db1", 2},
+      {"run-locked db1 --timeout soon -- true", 2},
+      {"force-install", 2},
+      {"force-install db1 two", 2},
+      {"status --json --timeout 3", 2},
+  };
+  for (const auto& [args, status] : cases) {
     const Outcome o = Cli(args);
-    EXPECT_EQ(o.status, 3) << args;
-    EXPECT_EQ(o.err, "veskdbud: unknown database 'nosuch' (configured: db1, db2, db3)\n") << args;
+    EXPECT_EQ(o.status, status) << args;
     EXPECT_EQ(o.out, "") << args;
-  }
-}
-
-TEST_F(CliTest, UsageErrorsExitTwoWithOneLineAndHelpExitsZero) {
-  for (const char* args :
-       {"", "bogus", "update --bogus", "update db1 --all", "update db1 db2", "volume sideways /x",
-        "volume mount", "run-locked db1", "run-locked db1 --timeout soon -- true", "force-install",
-        "force-install db1 two", "status --json --timeout 3"}) {
-    const Outcome o = Cli(args);
-    EXPECT_EQ(o.status, 2) << args;
+    if (status == 3) {
+      EXPECT_EQ(o.err, unknown) << args;
+    }
     EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << args << ": " << o.err;
     EXPECT_EQ(o.err.rfind("veskdbud: ", 0), 0u) << o.err;
   }
@@ -363,9 +364,29 @@ TEST_F(CliTest, IsUpdatingFollowsTheUpdateLocks) {
   EXPECT_EQ(Cli("is-updating db1").status, 1);
 }
 
-TEST_F(CliTest, RunLockedHoldsTheReadLockWhileAnUpdateWaits) {
+TEST_F(CliTest, RunLockedReportsItsStatusesAndHoldsTheReadLockWhileAnUpdateWaits) {
   PublishFirst();
   ASSERT_EQ(Cli("update db1").status, 0);
+  {
+    FileLock writer(sandbox.Path("/run/data_update/using_db1.lock"), 0);
+    const Outcome o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
+    EXPECT_EQ(o.status, 124);
+    EXPECT_GE(o.seconds, 0.9);
+    EXPECT_LT(o.seconds, 5.0);
+    EXPECT_FALSE(Exists(io / "ran"));
+    EXPECT_EQ(o.err,
+              "veskdbud: run-locked: the read lock of 'db1' was not free within 1 s: an update is "
+              "replacing its files\n");
+  }
+  const Outcome never = Cli("run-locked db2 -- true");  // never updated: no lock file
+  EXPECT_EQ(never.status, 125);
+  EXPECT_NE(never.err.find(sandbox.Path("/run/data_update/using_db2.lock")), std::string::npos);
+
+  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'exit 7'").status, 7);
+  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'kill -TERM $$'").status, 128 + 15);
+  EXPECT_EQ(Cli("run-locked db1 -- /nonexistent/program").status, 127);
+  EXPECT_EQ(Cli("run-locked db1 --timeout=0 -- echo hello").out, "hello\n");
+
   PublishSecondAndThird();
 
   // The reader copies the file, says it holds the lock, waits 2 s, copies it again.
@@ -392,44 +413,7 @@ TEST_F(CliTest, RunLockedHoldsTheReadLockWhileAnUpdateWaits) {
   EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
 }
 
-TEST_F(CliTest, RunLockedReportsTimeoutMissingLockAndTheCommandsStatus) {
-  PublishFirst();
-  ASSERT_EQ(Cli("update db1").status, 0);
-  {
-    FileLock writer(sandbox.Path("/run/data_update/using_db1.lock"), 0);
-    const Outcome o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
-    EXPECT_EQ(o.status, 124);
-    EXPECT_GE(o.seconds, 0.9);
-    EXPECT_LT(o.seconds, 5.0);
-    EXPECT_FALSE(Exists(io / "ran"));
-    EXPECT_EQ(o.err,
-              "veskdbud: run-locked: the read lock of 'db1' was not free within 1 s: an update is "
-              "replacing its files\n");
-  }
-  const Outcome never = Cli("run-locked db2 -- true");  // never updated: no lock file
-  EXPECT_EQ(never.status, 125);
-  EXPECT_NE(never.err.find(sandbox.Path("/run/data_update/using_db2.lock")), std::string::npos);
-
-  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'exit 7'").status, 7);
-  EXPECT_EQ(Cli("run-locked db1 -- sh -c 'kill -TERM $$'").status, 128 + 15);
-  EXPECT_EQ(Cli("run-locked db1 -- /nonexistent/program").status, 127);
-  EXPECT_EQ(Cli("run-locked db1 --timeout=0 -- echo hello").out, "hello\n");
-}
-
-TEST_F(CliTest, VerboseMirrorsTheLogUnlessTheUserChoseAFile) {
-  PublishFirst();
-  ASSERT_EQ(Cli("update db1").status, 0);
-  const std::string line = "info: update.cpp:248 'db1' has been up to date";
-  EXPECT_NE(Cli("--verbose update db1").err.find(line), std::string::npos);
-  EXPECT_EQ(Cli("update db1").err, "");
-
-  const std::string file = io / "chosen.log";
-  const Outcome chosen = Cli("update db1 -v", "VESKDBUD_LOG_FILE=" + ShellQuote(file));
-  EXPECT_EQ(chosen.err.find(line), std::string::npos);
-  EXPECT_NE(ReadFile(file).find(line), std::string::npos);
-}
-
-TEST_F(CliTest, ATerminalShowsDownloadProgress) {
+TEST_F(CliTest, ATerminalShowsDownloadProgressAndVerboseMirrorsTheLogUnlessAFileIsChosen) {
   PublishFirst();
   const std::string transcript = io / "terminal";
   ASSERT_EQ(Shell("script -qec " + ShellQuote(ShellQuote(Tool()) + " update db1") + " " +
@@ -438,6 +422,14 @@ TEST_F(CliTest, ATerminalShowsDownloadProgress) {
   const std::string text = ReadFile(transcript);
   EXPECT_NE(text.find("100%["), std::string::npos) << text;
   EXPECT_NE(text.find("db1: installed 20250601"), std::string::npos) << text;
+
+  const std::string line = "info: update.cpp:248 'db1' has been up to date";
+  EXPECT_NE(Cli("--verbose update db1").err.find(line), std::string::npos);
+  EXPECT_EQ(Cli("update db1").err, "");
+  const std::string file = io / "chosen.log";
+  const Outcome chosen = Cli("update db1 -v", "VESKDBUD_LOG_FILE=" + ShellQuote(file));
+  EXPECT_EQ(chosen.err.find(line), std::string::npos);
+  EXPECT_NE(ReadFile(file).find(line), std::string::npos);
 }
 
 TEST(CliInstall, InstallsTheUnitsAndExamplesTheToolRunsWith) {

@@ -11,8 +11,7 @@
 #include "vesk/root.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::ForkedChild;
-using vesk::test::Sandbox;
+using namespace vesk::test;
 
 namespace {
 
@@ -70,7 +69,7 @@ TEST_F(ConfigWritersTest, SetWaitsWhileAnotherProcessHoldsTheConfigurationLock) 
   ServiceConfig service(std::make_shared<Config>(std::make_shared<IOUtils>()));
   const auto start = std::chrono::steady_clock::now();
   service.SetCurVolume("/mnt/v9");
-  EXPECT_GE(vesk::test::SecondsSince(start), 0.3);
+  EXPECT_GE(SecondsSince(start), 0.3);
   EXPECT_EQ(service.GetCurVolume(), "/mnt/v9");
   EXPECT_EQ(holder.Wait(), 0);
 }

@@ -5,10 +5,7 @@
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::Exists;
-using vesk::test::ReadFile;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 class DownloadTest : public ::testing::Test {
  protected:
@@ -17,42 +14,30 @@ class DownloadTest : public ::testing::Test {
   IOUtils io;
 };
 
-TEST_F(DownloadTest, FetchesFileAndLogsUserAgent) {
+TEST_F(DownloadTest, FetchesOrReplacesTheDestinationAndLogsTheUserAgent) {
   std::string payload(200000, '\0');
   for (size_t i = 0; i < payload.size(); ++i)
     payload[i] = static_cast<char>(i % 253);
   WriteFile(served / "db/pkg.bin", payload);
-  vesk::test::HttpServer server(served.path());
-  vesk::test::LogCapture log;
+  SetAge(served / "db/pkg.bin", 100);
+  WriteFile(out / "pkg", std::string(300000, 's'));  // newer and longer: replaced all the same
+  HttpServer server(served.path());
+  LogCapture log;
 
   io.Download(out / "pkg", server.url("/db/pkg.bin"));
   EXPECT_EQ(ReadFile(out / "pkg"), payload);
-  auto lines = log.Matching("utils.cpp:229 Use ");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0],
-            "debug: utils.cpp:229 Use " + VeskGetUserAgent("database") + " as user agent string");
+  EXPECT_EQ(log.Matching("utils.cpp:229 Use "),
+            std::vector<std::string>{"debug: utils.cpp:229 Use " + VeskGetUserAgent("database") +
+                                     " as user agent string"});
   EXPECT_EQ(server.Requests(), (std::vector<std::string>{"GET /db/pkg.bin"}));
 }
 
-TEST_F(DownloadTest, ReplacesAnExistingDestination) {
-  WriteFile(served / "a", "fresh");
-  WriteFile(out / "a", "stale and longer");
-  vesk::test::SetAge(served / "a", 100);
-  vesk::test::HttpServer server(served.path());
-  io.Download(out / "a", server.url("/a"));
-  EXPECT_EQ(ReadFile(out / "a"), "fresh");
-}
-
-TEST_F(DownloadTest, NotFoundRemovesDestination) {
-  vesk::test::HttpServer server(served.path());
-  WriteFile(out / "dest", "previous");
-  const std::string url = server.url("/missing");
-  EXPECT_UPDATE_ERROR(io.Download(out / "dest", url), "Fail to wget url: " + url);
-  EXPECT_FALSE(Exists(out / "dest"));
-}
-
-TEST_F(DownloadTest, RefusedConnectionFailsWithoutLeavingAFile) {
-  const std::string url = "http://127.0.0.1:" + std::to_string(vesk::test::UnusedPort()) + "/x";
-  EXPECT_UPDATE_ERROR(io.Download(out / "dest", url), "Fail to wget url: " + url);
-  EXPECT_FALSE(Exists(out / "dest"));
+TEST_F(DownloadTest, NotFoundOrRefusedFailsAndRemovesTheDestination) {
+  HttpServer server(served.path());
+  for (const std::string& url :
+       {server.url("/missing"), "http://127.0.0.1:" + std::to_string(UnusedPort()) + "/x"}) {
+    WriteFile(out / "dest", "previous");
+    EXPECT_UPDATE_ERROR(io.Download(out / "dest", url), "Fail to wget url: " + url);
+    EXPECT_FALSE(Exists(out / "dest")) << url;
+  }
 }

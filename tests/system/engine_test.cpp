@@ -8,6 +8,8 @@
 
 #include <boost/filesystem.hpp>
 #include <chrono>
+#include <fstream>
+#include <functional>
 
 #include "dataupdate/project_lock.h"
 #include "dataupdate/strategy.h"
@@ -107,13 +109,17 @@ class EngineTest : public ::testing::Test {
   std::string prefix = sandbox.volume() + "/@database/autoupdate/db1";
 };
 
-TEST_F(EngineTest, FirstInstallFallsBackToFullAndRecordsEveryFile) {
+TEST_F(EngineTest, FullInstallReplacesWhateverTheDirectoryHeldAndRecordsEveryFile) {
   repo.SetFile("db1", 1, "a.txt", "alpha");
   repo.SetFile("db1", 1, "dir/sub/b.txt", "beta");
   ASSERT_EQ(repo.Publish(), 0);
+  WriteFile(prefix + "/stale.txt", "old");
+  WriteFile(prefix + "/stale_dir/inner/x", "old");
+  WriteFile(prefix + "/a.txt", "old content");
 
   DatabaseStatus status = UpdateTo(Never());
   EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 1)), "");
+  EXPECT_FALSE(fs::exists(prefix + "/stale_dir"));
   EXPECT_EQ(status.data_version, 1);
   EXPECT_EQ(status.last_fetch_time, repo.Remote("db1").last_fetch_time);
   ASSERT_EQ(status.file_statuses.size(), 2u);
@@ -125,36 +131,21 @@ TEST_F(EngineTest, FirstInstallFallsBackToFullAndRecordsEveryFile) {
   EXPECT_TRUE(log.Contains("notice: updater.cpp:84 Prepare full update: db1"));
   EXPECT_TRUE(log.Contains("notice: updater.cpp:92 Apply update: db1"));
   EXPECT_TRUE(NoTemporaryFiles());
-}
 
-TEST_F(EngineTest, FullInstallEmptiesTheInstallDirectoryFirst) {
-  repo.SetFile("db1", 1, "keep.txt", "package file");
+  fs::create_directories(repo.SourceDir("db1", 2));  // an empty package
   ASSERT_EQ(repo.Publish(), 0);
-  WriteFile(prefix + "/stale.txt", "old");
-  WriteFile(prefix + "/stale_dir/inner/x", "old");
-  WriteFile(prefix + "/keep.txt", "old content");
-
-  UpdateTo(Never());
-  EXPECT_EQ(Snapshot(prefix), (std::map<std::string, std::string>{{"keep.txt", "package file"}}));
-  EXPECT_FALSE(fs::exists(prefix + "/stale_dir"));
-}
-
-TEST_F(EngineTest, EmptyPackageLeavesAnEmptyInstallDirectory) {
-  fs::create_directories(repo.SourceDir("db1", 1));
-  ASSERT_EQ(repo.Publish(), 0);
-  WriteFile(prefix + "/stale.txt", "old");
-  DatabaseStatus status = UpdateTo(Never());
+  status = UpdateTo(Never());
   EXPECT_TRUE(fs::is_empty(prefix));
   EXPECT_TRUE(status.file_statuses.empty());
 }
 
-TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrder) {
-  InstallOneThenPublishFour();
+TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrderThenFixerRepairsCorruption) {
+  const DatabaseStatus one = InstallOneThenPublishFour();
   ASSERT_EQ(repo.Diffs("db1").size(), 3u);
-  DatabaseStatus status = UpdateTo(Installed(1));
+  DatabaseStatus status = UpdateTo(one);
   EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
   EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4), true), "");
-  EXPECT_EQ(status.data_version, 4);
+  ASSERT_EQ(status.data_version, 4);
   EXPECT_FALSE(fs::exists(prefix + "/extra/new.txt"));  // created in 2, deleted in 3
   const std::string db = prefix + "/data/items.db";
   EXPECT_EQ(Query(db, "SELECT count(*) FROM items;"), "256\n");
@@ -164,56 +155,66 @@ TEST_F(EngineTest, DiffChainAppliesEveryVersionInOrder) {
   EXPECT_TRUE(CheckStatus(status.file_statuses, prefix));
   EXPECT_EQ(status.file_statuses.count("/readme.txt"), 1u);
   EXPECT_TRUE(NoTemporaryFiles());
-}
 
-TEST_F(EngineTest, BrokenChainFallsBackToFullWithOneWarning) {
-  InstallOneThenPublishFour();
-  auto diffs = repo.Diffs("db1");
-  diffs.erase(3);
-  DatabaseStatus status =
-      Updater().Update("db1", Installed(1), repo.Remote("db1"), diffs, volume, prefix, volume);
-  EXPECT_EQ(log.Matching("Diff update fail, try full update: No sufficient diff patched").size(),
-            1u);
+  Fixer fixer("db1", repo.Remote("db1"), volume, prefix, volume);
+  EXPECT_FALSE(fixer.IsFixNeeded(status));
+  WriteFile(prefix + "/readme.txt", "tampered");
+  log.Clear();
+  EXPECT_TRUE(fixer.IsFixNeeded(status));
+  EXPECT_FALSE(log.Matching("digest check fail").empty());
+  EXPECT_TRUE(log.Contains("info: updater.cpp:123 db1 file check fail, Need Fix"));
+
+  DatabaseStatus fixed = fixer.Fix();
   EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
-  EXPECT_EQ(status.data_version, 4);
-  EXPECT_TRUE(NoTemporaryFiles());
+  EXPECT_FALSE(fixer.IsFixNeeded(fixed));
+  EXPECT_TRUE(fixer.IsFixNeeded(Never()));
+  EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
 }
 
-TEST_F(EngineTest, MissingDeltaDecoderFallsBackToFull) {
+TEST_F(EngineTest, EveryDiffFailureFallsBackToTheFullPackageWithExactlyOneWarning) {
   InstallOneThenPublishFour();
-  fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff");
-  UpdateTo(Installed(1));
-  auto warnings = log.Matching("Diff update fail, try full update: Fail to apply vcdiff on ");
-  EXPECT_EQ(warnings.size(), 1u);
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
-  EXPECT_TRUE(NoTemporaryFiles());
-}
-
-TEST_F(EngineTest, UnsupportedDiffTypeFallsBackToFull) {
-  repo.SetFile("db1", 1, "readme.txt", "one");
-  ASSERT_EQ(repo.Publish(), 0);
-  DatabaseStatus installed = UpdateTo(Never());
-  repo.CopyVersion("db1", 1, 2);
-  repo.SetFile("db1", 2, "readme.txt", "two");
-  ASSERT_EQ(repo.Publish(), 0);
-
   // A diff package signed by the trusted key whose input has an unknown type.
-  TempDir craft;
-  WriteTarball(craft / "diff.tar",
+  WriteTarball(sandbox / "diff.tar",
                {FileEntry("patch_infos.json",
                           R"({"/readme.txt": {"operation": "update", "input_file": "r.bsdiff"}})"),
                 FileEntry("r.bsdiff", "BSDIFF40")});
   auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
-  vesk::publish::SignArchive(craft / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6);
-  std::map<int, DiffInfo> diffs{{2, DiffInfo(repo.BaseUrl() + "/crafted.pkg", 100)}};
-
-  log.Clear();
-  Updater().Update("db1", installed, repo.Remote("db1"), diffs, volume, prefix, volume);
-  EXPECT_EQ(log.Matching("Diff update fail"),
-            std::vector<std::string>{"warning: updater.cpp:83 Diff update fail, try full update: "
-                                     "Unsupported diff type: .bsdiff"});
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2)), "");
-  EXPECT_TRUE(NoTemporaryFiles());
+  vesk::publish::SignArchive(sandbox / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6);
+  const RemoteInfo one(1, 0, false, repo.BaseUrl() + "/db1/v1/full.pkg");
+  struct Case {
+    const char* warning;
+    std::function<void(std::map<int, DiffInfo>&)> damage;
+  };
+  const Case cases[] = {
+      {"No sufficient diff patched", [](auto& diffs) { diffs.erase(3); }},
+      {"Unsupported diff type: .bsdiff",
+       [&](auto& diffs) { diffs.at(2) = DiffInfo(repo.BaseUrl() + "/crafted.pkg", 100); }},
+      {"Fail apply sql cmd: ",  // a local row where version 3 inserts one
+       [&](auto&) { Query(prefix + "/data/items.db", "INSERT INTO items VALUES(230, 'local');"); }},
+      {"Fail to apply vcdiff on ",
+       [&](auto&) { fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff"); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.warning);
+    Updater().Update("db1", Never(), one, {}, volume, prefix, volume);
+    ASSERT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 1)), "");
+    auto diffs = repo.Diffs("db1");
+    c.damage(diffs);
+    log.Clear();
+    const DatabaseStatus status =
+        Updater().Update("db1", Installed(1), repo.Remote("db1"), diffs, volume, prefix, volume);
+    const auto warnings = log.Matching("Diff update fail");
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0].rfind(std::string("warning: updater.cpp:83 Diff update fail, try full "
+                                            "update: ") +
+                                    c.warning,
+                                0),
+              0u)
+        << warnings[0];
+    EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
+    EXPECT_EQ(status.data_version, 4);
+    EXPECT_TRUE(NoTemporaryFiles());
+  }
 }
 
 // "/a.b" and "/a_b" flatten to the same temporary file in the sum directory.
@@ -240,18 +241,6 @@ TEST_F(EngineTest, NamesThatFlattenAlikeFallBackToFullInsteadOfMixingUp) {
   EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 2)), "");
   EXPECT_TRUE(CheckStatus(two.file_statuses, prefix));
   EXPECT_TRUE(NoTemporaryFiles());
-}
-
-TEST_F(EngineTest, FailingSqlDiffFallsBackToFull) {
-  InstallOneThenPublishFour();
-  // A local row where version 3 inserts one makes that version's SQL fail.
-  ASSERT_EQ(Shell("sqlite3 " + ShellQuote(prefix + "/data/items.db") +
-                  " \"INSERT INTO items VALUES(230, 'local');\""),
-            0);
-  UpdateTo(Installed(1));
-  auto warnings = log.Matching("Diff update fail, try full update: Fail apply sql cmd: ");
-  EXPECT_EQ(warnings.size(), 1u);
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
 }
 
 TEST_F(EngineTest, FailedSqlDiffRollsBackEveryStatement) {
@@ -282,30 +271,20 @@ TEST_F(EngineTest, ReaderHoldingTheUsingLockDelaysTheReplacement) {
   repo.SetFile("db1", 2, "a.txt", "two");
   ASSERT_EQ(repo.Publish(), 0);
 
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t reader = fork();
-  if (reader == 0) {
-    int fd = VESKDBUDGetFileLock("db1", 5);
-    char byte = fd >= 0 ? 'y' : 'n';
-    if (write(ready[1], &byte, 1) != 1)
-      _exit(3);
+  ForkedChild reader([&](const ForkedChild::Channel& parent) {
+    const int fd = VESKDBUDGetFileLock("db1", 5);
+    parent.Send(fd >= 0 ? 'y' : 'n');
     usleep(1500 * 1000);
     // The files must still be the old ones while the reader holds the lock.
-    bool unchanged = ReadFile(prefix + "/a.txt") == "one";
+    const bool unchanged = ReadFile(prefix + "/a.txt") == "one";
     VESKDBUDReleaseFileLock(fd);
-    _exit(unchanged ? 0 : 1);
-  }
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  ASSERT_EQ(byte, 'y');
-  auto start = std::chrono::steady_clock::now();
+    return unchanged ? 0 : 1;
+  });
+  ASSERT_EQ(reader.Receive(), 'y');
+  const auto start = std::chrono::steady_clock::now();
   UpdateTo(Installed(1));
-  double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  int status = 0;
-  waitpid(reader, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_GE(waited, 1.0);
+  EXPECT_GE(SecondsSince(start), 1.0);
+  EXPECT_EQ(reader.Wait(), 0);
   EXPECT_EQ(ReadFile(prefix + "/a.txt"), "two");
 }
 
@@ -340,13 +319,7 @@ TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
   // 6 MiB that do not compress: the package and its extraction fit in the
   // 16 MiB volume, but installing them would leave less than 5% free.
   std::string big(6u << 20, '\0');
-  unsigned long long x = 88172645463325252ull;
-  for (char& c : big) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    c = static_cast<char>(x);
-  }
+  std::ifstream("/dev/urandom", std::ios::binary).read(&big[0], static_cast<long>(big.size()));
   repo.CopyVersion("db1", 1, 2);
   repo.SetFile("db1", 2, "big.bin", big);
   ASSERT_EQ(repo.Publish(), 0);
@@ -387,27 +360,6 @@ TEST_F(EngineTest, NotEnoughSpaceRefusesBeforeTouchingInstalledFiles) {
     GTEST_SKIP() << "private mount namespaces are not permitted here";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "10 install failed, 11 no refusal, 12 other error, "
                                        "13 installed files changed, 14 temporary files left";
-}
-
-TEST_F(EngineTest, DiffChainToFourThenFixerRepairsCorruption) {
-  DatabaseStatus status = UpdateTo(InstallOneThenPublishFour());
-  ASSERT_EQ(status.data_version, 4);
-  EXPECT_TRUE(log.Matching("Diff update fail").empty());
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4), true), "");
-  Fixer fixer("db1", repo.Remote("db1"), volume, prefix, volume);
-  EXPECT_FALSE(fixer.IsFixNeeded(status));
-
-  WriteFile(prefix + "/readme.txt", "tampered");
-  log.Clear();
-  EXPECT_TRUE(fixer.IsFixNeeded(status));
-  EXPECT_FALSE(log.Matching("digest check fail").empty());
-  EXPECT_TRUE(log.Contains("info: updater.cpp:123 db1 file check fail, Need Fix"));
-
-  DatabaseStatus fixed = fixer.Fix();
-  EXPECT_EQ(CompareTrees(prefix, repo.SourceDir("db1", 4)), "");
-  EXPECT_FALSE(fixer.IsFixNeeded(fixed));
-  EXPECT_TRUE(fixer.IsFixNeeded(Never()));
-  EXPECT_TRUE(log.Contains("err: updater.cpp:118 db1 not been updated yet. Need Fix"));
 }
 
 }  // namespace

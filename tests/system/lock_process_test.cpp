@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "dataupdate/error.h"
@@ -15,10 +16,7 @@
 
 using vesk::dataupdate::FileLock;
 using vesk::dataupdate::UpdateError;
-using vesk::test::ForkedChild;
-using vesk::test::LogCapture;
-using vesk::test::Sandbox;
-using vesk::test::SecondsSince;
+using namespace vesk::test;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -26,35 +24,6 @@ namespace {
 // Shorter than one polling interval: only a single attempt fits.
 constexpr double kOneAttempt = 0.09;
 constexpr char kLocked = 'L';
-constexpr char kRelease = 'R';
-
-// A child that holds FileLock(path) until told to release it.
-int HoldExclusive(const ForkedChild::Channel& parent, const std::string& path) {
-  FileLock lock(path, 0);
-  parent.Send(kLocked);
-  parent.Receive();
-  return 0;
-}
-
-// A child that holds the reader lock of `id` until told to release it.
-int HoldShared(const ForkedChild::Channel& parent, const char* id) {
-  const int fd = VESKDBUDGetFileLock(id, 0);
-  if (fd < 0)
-    return 1;
-  parent.Send(kLocked);
-  parent.Receive();
-  VESKDBUDReleaseFileLock(fd);
-  return 0;
-}
-
-// A child that holds FileLock(path) for `hold`, then releases it and exits.
-int HoldExclusiveFor(const ForkedChild::Channel& parent, const std::string& path,
-                     std::chrono::milliseconds hold) {
-  FileLock lock(path, 0);
-  parent.Send(kLocked);
-  std::this_thread::sleep_for(hold);
-  return 0;
-}
 
 class LockProcessTest : public ::testing::Test {
  protected:
@@ -69,109 +38,76 @@ class LockProcessTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(LockProcessTest, FileLockWithTimeoutZeroFailsAfterOneAttempt) {
-  ForkedChild holder([&](const auto& parent) { return HoldExclusive(parent, using_path); });
-  ASSERT_EQ(holder.Receive(), kLocked);
-  const auto start = Clock::now();
-  EXPECT_UPDATE_ERROR(FileLock(using_path, 0), "Fail to lock " + using_path);
-  EXPECT_LT(SecondsSince(start), kOneAttempt);
-  holder.Send(kRelease);
-  EXPECT_EQ(holder.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, FileLockWithTimeoutOneGivesUpAfterAboutASecond) {
-  ForkedChild holder([&](const auto& parent) { return HoldExclusive(parent, using_path); });
-  ASSERT_EQ(holder.Receive(), kLocked);
-  const auto start = Clock::now();
-  EXPECT_UPDATE_ERROR(FileLock(using_path, 1), "Fail to lock " + using_path);
-  const double elapsed = SecondsSince(start);
-  EXPECT_GE(elapsed, 0.9);
-  EXPECT_LE(elapsed, 3.0);
-  holder.Send(kRelease);
-  EXPECT_EQ(holder.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, FileLockTakesTheLockOnceTheHolderLetsGo) {
-  ForkedChild holder([&](const auto& parent) {
-    return HoldExclusiveFor(parent, using_path, std::chrono::milliseconds(400));
-  });
-  ASSERT_EQ(holder.Receive(), kLocked);
-  const auto start = Clock::now();
-  EXPECT_NO_THROW(FileLock(using_path, 5));
-  const double elapsed = SecondsSince(start);
-  EXPECT_GE(elapsed, 0.3);
-  EXPECT_LE(elapsed, 2.0) << "polling every 100 ms notices the release soon";
-  EXPECT_EQ(holder.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, TwoReadersHoldTheLockTogether) {
-  ForkedChild first([](const auto& parent) { return HoldShared(parent, "db1"); });
-  ForkedChild second([](const auto& parent) { return HoldShared(parent, "db1"); });
-  EXPECT_EQ(first.Receive(), kLocked);
-  EXPECT_EQ(second.Receive(), kLocked);
-  const int fd = VESKDBUDGetFileLock("db1", 0);  // and a third, here
-  EXPECT_GE(fd, 0);
-  VESKDBUDReleaseFileLock(fd);
-  first.Send(kRelease);
-  second.Send(kRelease);
-  EXPECT_EQ(first.Wait(), 0);
-  EXPECT_EQ(second.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, WriterWaitsForTheReaders) {
-  ForkedChild reader([](const auto& parent) {
-    const int fd = VESKDBUDGetFileLock("db1", 0);
-    if (fd < 0)
-      return 1;
-    parent.Send(kLocked);
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    VESKDBUDReleaseFileLock(fd);
-    return 0;
-  });
-  ASSERT_EQ(reader.Receive(), kLocked);
-  EXPECT_UPDATE_ERROR(FileLock(using_path, 0), "Fail to lock " + using_path);
-  const auto start = Clock::now();
-  EXPECT_NO_THROW(FileLock(using_path, 5));
-  EXPECT_GE(SecondsSince(start), 0.25);
-  EXPECT_EQ(reader.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, ReaderWithTimeoutZeroFailsAtOnceWhileAWriterHoldsTheLock) {
-  ForkedChild writer([&](const auto& parent) { return HoldExclusive(parent, using_path); });
-  ASSERT_EQ(writer.Receive(), kLocked);
-  LogCapture log;
-  const auto start = Clock::now();
-  EXPECT_EQ(VESKDBUDGetFileLock("db1", 0), -1);
-  EXPECT_LT(SecondsSince(start), kOneAttempt);
-  EXPECT_EQ(log.Lines(),
-            (std::vector<std::string>{"err: project_lock.cpp:66 Get file lock timeout."}));
-  writer.Send(kRelease);
-  EXPECT_EQ(writer.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, ReaderWithTimeoutOneGivesUpAfterAboutASecond) {
-  ForkedChild writer([&](const auto& parent) { return HoldExclusive(parent, using_path); });
-  ASSERT_EQ(writer.Receive(), kLocked);
-  const auto start = Clock::now();
-  EXPECT_EQ(VESKDBUDGetFileLock("db1", 1), -1);
-  const double elapsed = SecondsSince(start);
-  EXPECT_GE(elapsed, 0.9);
-  EXPECT_LE(elapsed, 3.0);
-  writer.Send(kRelease);
-  EXPECT_EQ(writer.Wait(), 0);
-}
-
-TEST_F(LockProcessTest, ReaderWaitsForTheWriter) {
-  ForkedChild writer([&](const auto& parent) {
-    return HoldExclusiveFor(parent, using_path, std::chrono::milliseconds(400));
-  });
-  ASSERT_EQ(writer.Receive(), kLocked);
-  const auto start = Clock::now();
-  const int fd = VESKDBUDGetFileLock("db1", 5);
-  EXPECT_GE(fd, 0);
-  EXPECT_GE(SecondsSince(start), 0.3);
-  VESKDBUDReleaseFileLock(fd);
-  EXPECT_EQ(writer.Wait(), 0);
+// A child holds the lock of db1 as a writer (FileLock) or a reader (the exported
+// lock) for `hold_ms`, or until told, while this process asks for it with `timeout`.
+TEST_F(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) {
+  struct Case {
+    bool holder_writes;
+    int hold_ms;  // 0: until the waiter is done
+    bool waiter_writes;
+    int timeout;
+    bool granted;
+    double min_s, max_s;
+  };
+  const Case cases[] = {
+      {true, 0, true, 0, false, 0, kOneAttempt},  // timeout 0: one attempt
+      {true, 0, true, 1, false, 0.9, 3.0},        // timeout 1: about a second
+      {true, 400, true, 5, true, 0.3, 2.0},       // polling notices the release soon
+      {false, 0, true, 0, false, 0, kOneAttempt},
+      {false, 400, true, 5, true, 0.25, 2.0},  // the writer waits for the reader
+      {true, 0, false, 0, false, 0, kOneAttempt},
+      {true, 0, false, 1, false, 0.9, 3.0},
+      {true, 400, false, 5, true, 0.3, 2.0},       // the reader waits for the writer
+      {false, 0, false, 0, true, 0, kOneAttempt},  // two readers hold it together
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.holder_writes ? "writer" : "reader") + " holds " +
+                 std::to_string(c.hold_ms) + " ms, " + (c.waiter_writes ? "writer" : "reader") +
+                 " waits " + std::to_string(c.timeout) + " s");
+    ForkedChild holder([&](const ForkedChild::Channel& parent) {
+      std::unique_ptr<FileLock> writer;
+      int reader = -1;
+      if (c.holder_writes)
+        writer = std::make_unique<FileLock>(using_path, 0);
+      else if ((reader = VESKDBUDGetFileLock("db1", 0)) < 0)
+        return 1;
+      parent.Send(kLocked);
+      if (c.hold_ms > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(c.hold_ms));
+      else
+        parent.Receive();
+      VESKDBUDReleaseFileLock(reader);
+      return 0;
+    });
+    ASSERT_EQ(holder.Receive(), kLocked);
+    LogCapture log;
+    const auto start = Clock::now();
+    bool granted = true;
+    if (c.waiter_writes) {
+      try {
+        FileLock lock(using_path, c.timeout);
+      } catch (const UpdateError& e) {
+        EXPECT_EQ(std::string(e.what()), "Fail to lock " + using_path);
+        granted = false;
+      }
+    } else {
+      const int fd = VESKDBUDGetFileLock("db1", c.timeout);
+      granted = fd >= 0;
+      if (!granted) {
+        EXPECT_EQ(fd, -1);
+        EXPECT_EQ(log.Matching("project_lock"),
+                  (std::vector<std::string>{"err: project_lock.cpp:66 Get file lock timeout."}));
+      }
+      VESKDBUDReleaseFileLock(fd);
+    }
+    const double elapsed = SecondsSince(start);
+    EXPECT_EQ(granted, c.granted);
+    EXPECT_GE(elapsed, c.min_s);
+    EXPECT_LE(elapsed, c.max_s);
+    if (c.hold_ms == 0)
+      holder.Send('R');
+    EXPECT_EQ(holder.Wait(), 0);
+  }
 }
 
 TEST_F(LockProcessTest, ProcessesTakingLocksInTheDocumentedOrderDoNotDeadlock) {

@@ -1,7 +1,7 @@
 // Volume enumeration over real mounts. Each test forks a child that enters a
 // private mount namespace (so nothing it mounts is seen by the host), mounts
 // small tmpfs volumes and checks the platform's answers; the child reports its
-// findings through a pipe and its exit status. Where namespaces are not
+// findings through a file and its exit status. Where namespaces are not
 // permitted the tests are skipped with the reason.
 #include <errno.h>
 #include <fcntl.h>
@@ -9,11 +9,11 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -24,6 +24,8 @@
 #include "test_support.h"
 #include "vesk/mount_vol.h"
 #include "vlib/vlibc.h"
+
+using namespace vesk::test;
 
 namespace {
 
@@ -58,63 +60,34 @@ class Checks {
   std::vector<std::string> failures_;
 };
 
-void WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0)
-      return;
-    done += static_cast<size_t>(n);
-  }
-}
-
 // Runs `body` in a forked child inside a private mount namespace. Failures it
 // records become test failures; a namespace that cannot be made skips.
 void InMountNamespace(const std::function<void(Checks&)>& body) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
-  int fds[2];
-  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    close(fds[0]);
-    if (unshare(CLONE_NEWNS) != 0) {
-      WriteAll(fds[1], std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno));
-      _exit(kSkipStatus);
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      WriteAll(fds[1], std::string("making / private: ") + std::strerror(errno));
-      _exit(kSkipStatus);
+  TempDir dir;
+  const std::string report_path = dir / "report";
+  ForkedChild child([&](const ForkedChild::Channel&) {
+    std::ofstream report(report_path);
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
+      report << "no private mount namespace: " << std::strerror(errno);
+      return kSkipStatus;
     }
     Checks checks;
     body(checks);
-    std::string report;
     for (const auto& line : checks.failures())
-      report += line + "\n";
-    WriteAll(fds[1], report);
-    _exit(checks.failures().empty() ? 0 : 1);
-  }
-  close(fds[1]);
-  std::string report;
-  char buffer[4096];
-  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) != 0;) {
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      break;
-    report.append(buffer, static_cast<size_t>(n));
-  }
-  close(fds[0]);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status)) << "child died: status " << status;
-  if (WEXITSTATUS(status) == kSkipStatus)
-    GTEST_SKIP() << "no private mount namespace: " << report;
+      report << line << "\n";
+    return checks.failures().empty() ? 0 : 1;
+  });
+  const int status = child.Wait();
+  const std::string report = Exists(report_path) ? ReadFile(report_path) : "";
+  ASSERT_NE(status, -1) << "the child died: " << report;
+  if (status == kSkipStatus)
+    GTEST_SKIP() << report;
   std::istringstream lines(report);
   for (std::string line; std::getline(lines, line);)
     ADD_FAILURE() << line;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(status, 0);
 }
 
 bool MountTmpfs(Checks& checks, const std::string& where, const char* options,
@@ -138,11 +111,17 @@ std::map<std::string, VESKVolInfo> Enumerate(Checks& checks) {
   return found;
 }
 
+// "mounted=<0|1> statvfs=<0|1> rw=<0|1> policy=<0|1> <fs_type>"
+std::string Describe(const VESKVolInfo& r) {
+  return "mounted=" + std::to_string(r.mounted) + " statvfs=" + std::to_string(r.stat_ready) +
+         " rw=" + std::to_string(r.flags & VESK_VOL_FLAG_RW) +
+         " policy=" + std::to_string(VESKVolumeServicePolicy(&r) != 0) + " " + r.fs_type;
+}
+
 TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) {
   if (geteuid() != 0)
     GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
-  vesk::test::HostMountPoints points(
-      {"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
+  HostMountPoints points({"/volume", "/volume1", "/volume2", "/volume3", "/volumeX", "/volume7x"});
   if (!points.error().empty())
     GTEST_SKIP() << "cannot create mount points: " << points.error();
 
@@ -167,23 +146,16 @@ TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) 
     if (found.size() < 4)
       return;
 
-    const VESKVolInfo& one = found["/volume1"];
-    checks.Equal(one.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "/volume1 read-write flag");
-    checks.Equal(one.mounted, 1, "/volume1 mounted");
-    checks.Equal(one.stat_ready, 1, "/volume1 statvfs");
-    checks.Equal(std::string(one.fs_type), std::string("tmpfs"), "/volume1 fs_type");
-    checks.Between(one.avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "/volume1 avail_bytes");
-    checks.Expect(VESKVolumeServicePolicy(&one) != 0, "/volume1 refused by policy");
+    checks.Equal(Describe(found["/volume1"]), "mounted=1 statvfs=1 rw=1 policy=1 tmpfs",
+                 "/volume1");
+    checks.Equal(Describe(found["/volume3"]), "mounted=1 statvfs=1 rw=0 policy=0 tmpfs",
+                 "/volume3 (read-only)");
+    checks.Between(found["/volume1"].avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB,
+                   "/volume1 avail_bytes");
     checks.Between(found["/volume2"].avail_bytes, 8 * kMiB - 64 * 1024, 8 * kMiB,
                    "/volume2 avail_bytes");
     checks.Between(found["/volume"].avail_bytes, 2 * kMiB - 64 * 1024, 2 * kMiB,
                    "/volume avail_bytes");
-
-    const VESKVolInfo& three = found["/volume3"];
-    checks.Equal(three.flags & VESK_VOL_FLAG_RW, 0u, "/volume3 (read-only) read-write flag");
-    checks.Equal(three.mounted, 1, "/volume3 mounted");
-    checks.Equal(three.stat_ready, 1, "/volume3 statvfs");
-    checks.Equal(VESKVolumeServicePolicy(&three), 0, "/volume3 (read-only) policy");
 
     // Space used on the volume shows in the next answer.
     const int fd = open("/volume1/filler", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -217,7 +189,7 @@ TEST(VolumeNamespace, DataVolumesAreTheVolumeMountPointsWithTheirSpaceAndModes) 
 }
 
 TEST(VolumeNamespace, ConfiguredVolumesSeeReadOnlyBindsAndTheirFileSystemType) {
-  vesk::test::TempDir dir;
+  TempDir dir;
   const std::string spaced = dir / "data vol";  // "\040" in mountinfo
   const std::string read_only = dir / "ro";
   const std::string plain = dir / "plain";
@@ -237,21 +209,16 @@ TEST(VolumeNamespace, ConfiguredVolumesSeeReadOnlyBindsAndTheirFileSystemType) {
 
     auto found = Enumerate(checks);
     checks.Equal(found.size(), 3u, "configured volumes listed");
-    const VESKVolInfo& tmp = found[spaced];
-    checks.Equal(std::string(tmp.fs_type), std::string("tmpfs"), "fs_type below an escaped path");
-    checks.Between(tmp.avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "tmpfs avail_bytes");
-    checks.Equal(tmp.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "tmpfs read-write flag");
-    checks.Expect(VESKVolumeServicePolicy(&tmp) != 0, "tmpfs refused by policy");
-
-    const VESKVolInfo& ro = found[read_only];
-    checks.Equal(ro.mounted, 1, "read-only bind mounted");
-    checks.Equal(ro.stat_ready, 1, "read-only bind statvfs");
-    checks.Equal(ro.flags & VESK_VOL_FLAG_RW, 0u, "read-only bind read-write flag");
-    checks.Equal(VESKVolumeServicePolicy(&ro), 0, "read-only bind policy");
-
-    const VESKVolInfo& rw = found[plain];
-    checks.Equal(rw.flags & VESK_VOL_FLAG_RW, VESK_VOL_FLAG_RW, "plain directory read-write");
-    checks.Expect(rw.fs_type[0] != '\0', "plain directory has no fs_type");
+    checks.Equal(Describe(found[spaced]), "mounted=1 statvfs=1 rw=1 policy=1 tmpfs",
+                 "tmpfs below an escaped path");
+    checks.Between(found[spaced].avail_bytes, 4 * kMiB - 64 * 1024, 4 * kMiB, "tmpfs avail_bytes");
+    checks.Equal(Describe(found[read_only]),
+                 std::string("mounted=1 statvfs=1 rw=0 policy=0 ") + found[read_only].fs_type,
+                 "read-only bind");
+    checks.Equal(Describe(found[plain]),
+                 std::string("mounted=1 statvfs=1 rw=1 policy=1 ") + found[plain].fs_type,
+                 "plain directory");
+    checks.Expect(found[plain].fs_type[0] != '\0', "plain directory has no fs_type");
 
     VESKVolInfo info{};
     checks.Equal(VESKMountVolInfoGet(spaced.c_str(), &info), 0, "InfoGet of a path with a space");

@@ -4,16 +4,12 @@
 
 using vesk::dataupdate::UpdateError;
 
-TEST(UpdateError, ConstructorsWithoutCodeAreGeneral) {
+TEST(UpdateError, TextIsExactAndCodeDefaultsToGeneral) {
   EXPECT_EQ(UpdateError("x").code(), UpdateError::kGeneral);
   EXPECT_EQ(UpdateError(std::string("x")).code(), UpdateError::kGeneral);
   EXPECT_EQ(static_cast<int>(UpdateError("x", UpdateError::kFileNotExist).code()), 1);
-}
-
-TEST(UpdateError, WhatIsExactlyTheGivenTextEvenWhenEmpty) {
-  EXPECT_STREQ(UpdateError("Fail to read: /x").what(), "Fail to read: /x");
-  EXPECT_STREQ(UpdateError("").what(), "");
-  EXPECT_STREQ(UpdateError(std::string("a\nb")).what(), "a\nb");
+  for (const char* text : {"Fail to read: /x", "", "a\nb"})
+    EXPECT_STREQ(UpdateError(std::string(text)).what(), text);
 }
 
 TEST(UpdateError, RethrownCopyKeepsMessageAndCode) {

@@ -13,9 +13,7 @@
 #include "test_support.h"
 
 using vesk::dataupdate::FileLock;
-using vesk::test::Exists;
-using vesk::test::LogCapture;
-using vesk::test::TempDir;
+using namespace vesk::test;
 
 namespace {
 
@@ -45,18 +43,27 @@ class ScopedUmask {
 
 }  // namespace
 
-TEST(FileLock, CreatesMissingDirectoriesAndAFileWithMode0644) {
+TEST(FileLock, CreatesItsFileMode0644AndHoldsACloseOnExecDescriptorUntilDestroyed) {
   TempDir dir;
+  LogCapture log;
   ScopedUmask open_umask(0);
   const std::string path = dir / "run/data_update/update_any.lock";
   {
-    FileLock lock(path, 0);
+    FileLock lock(path, 3);
     struct stat st;
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(st.st_mode & 07777, 0644u);
+    std::optional<int> fd = DescriptorOf(path);
+    ASSERT_TRUE(fd.has_value());
+    EXPECT_TRUE(fcntl(*fd, F_GETFD) & FD_CLOEXEC);
   }
+  EXPECT_FALSE(DescriptorOf(path).has_value());
   EXPECT_TRUE(Exists(path)) << "the lock file is never deleted";
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
+                             "info: file_lock.cpp:44 Acquire lock on file: " + path,
+                             "info: file_lock.cpp:53 Release lock on file: " + path,
+                         }));
 }
 
 TEST(FileLock, PathWithoutDirectoryPartNeedsNoDirectory) {
@@ -72,53 +79,23 @@ TEST(FileLock, PathWithoutDirectoryPartNeedsNoDirectory) {
   ASSERT_EQ(chdir(previous), 0);
 }
 
-TEST(FileLock, HoldsACloseOnExecDescriptorUntilDestroyed) {
-  TempDir dir;
-  const std::string path = dir / "x.lock";
-  {
-    FileLock lock(path, 0);
-    std::optional<int> fd = DescriptorOf(path);
-    ASSERT_TRUE(fd.has_value());
-    EXPECT_TRUE(fcntl(*fd, F_GETFD) & FD_CLOEXEC);
-  }
-  EXPECT_FALSE(DescriptorOf(path).has_value());
-}
-
-TEST(FileLock, SecondLockOnTheSamePathInOneProcessConflicts) {
+TEST(FileLock, SecondLockOnTheSamePathInOneProcessConflictsAndLogsNothing) {
   TempDir dir;
   const std::string path = dir / "update_db1.lock";
   {
     FileLock first(path, 0);
+    LogCapture log;
     EXPECT_UPDATE_ERROR(FileLock second(path, 0), "Fail to lock " + path);
+    EXPECT_TRUE(log.Lines().empty());
     // The failed attempt closed its own descriptor and left the first one held.
     EXPECT_TRUE(DescriptorOf(path).has_value());
   }
   EXPECT_NO_THROW(FileLock again(path, 0));
 }
 
-TEST(FileLock, LogsAcquireAndRelease) {
+TEST(FileLock, UncreatableDirectoryOrUnopenableFileFails) {
   TempDir dir;
-  LogCapture log;
-  const std::string path = dir / "fresh_info.lock";
-  { FileLock lock(path, 3); }
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
-                             "info: file_lock.cpp:44 Acquire lock on file: " + path,
-                             "info: file_lock.cpp:53 Release lock on file: " + path,
-                         }));
-}
-
-TEST(FileLock, FailedLockLogsNothing) {
-  TempDir dir;
-  const std::string path = dir / "x.lock";
-  FileLock held(path, 0);
-  LogCapture log;
-  EXPECT_UPDATE_ERROR(FileLock(path, 0), "Fail to lock " + path);
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST(FileLock, DirectoryThatCannotBeCreatedReportsTheFilesystemError) {
-  TempDir dir;
-  vesk::test::WriteFile(dir / "plain", "a file where a directory should be");
+  WriteFile(dir / "plain", "a file where a directory should be");
   const std::string path = dir / "plain/sub/x.lock";
   std::string filesystem_text;
   try {
@@ -129,13 +106,10 @@ TEST(FileLock, DirectoryThatCannotBeCreatedReportsTheFilesystemError) {
   ASSERT_FALSE(filesystem_text.empty());
   EXPECT_UPDATE_ERROR(FileLock(path, 0), "Fail to create dir " + filesystem_text);
   EXPECT_UPDATE_ERROR(FileLock::MakeDir(path), "Fail to create dir " + filesystem_text);
-}
 
-TEST(FileLock, LockFileThatCannotBeOpenedFails) {
-  TempDir dir;
-  const std::string path = dir / "a_directory.lock";
-  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
-  EXPECT_UPDATE_ERROR(FileLock(path, 0), "Fail open lock file " + path);
+  ASSERT_EQ(mkdir((dir / "a_directory.lock").c_str(), 0755), 0);
+  EXPECT_UPDATE_ERROR(FileLock(dir / "a_directory.lock", 0),
+                      "Fail open lock file " + (dir / "a_directory.lock"));
 }
 
 TEST(FileLock, FailedUnlockIsLoggedAndTheReleaseLineStillFollows) {

@@ -8,9 +8,7 @@
 #include "vesk/crypto_hwid.h"
 #include "vlib/vlibc.h"
 
-using vesk::test::ScopedEnv;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 
@@ -39,13 +37,11 @@ class HwidSandbox : public ::testing::Test {
   ScopedEnv env_{"VESKDBUD_ROOT", root_.path().c_str()};
 };
 
-TEST_F(HwidSandbox, IsTheSha256OfTheTrimmedMachineIdInLowerCaseHex) {
+TEST_F(HwidSandbox, IsTheSha256OfTheTrimmedMachineIdStableAcrossCallsAndContexts) {
   SetMachineId("  abc \n");
   // SHA-256("abc"), the FIPS 180-2 example.
   EXPECT_EQ(Identity(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-}
 
-TEST_F(HwidSandbox, IsStableAcrossCallsAndContexts) {
   SetMachineId("4c4c4544003957108052b4c04f384d32\n");
   Hwid ctx(veskcrypto_hwid_init());
   ASSERT_NE(ctx, nullptr);
@@ -54,18 +50,8 @@ TEST_F(HwidSandbox, IsStableAcrossCallsAndContexts) {
   ASSERT_NE(veskcrypto_hwid_str(ctx.get(), 16), 0);
   EXPECT_EQ(std::string(ctx->str), first);
   EXPECT_EQ(Identity(), first);
-  EXPECT_EQ(first.size(), 64u);
-  EXPECT_EQ(first.find_first_not_of("0123456789abcdef"), std::string::npos) << first;
-}
-
-TEST_F(HwidSandbox, DiffersForAnotherMachine) {
-  SetMachineId("4c4c4544003957108052b4c04f384d32\n");
-  const std::string first = Identity();
   SetMachineId("4c4c4544003957108052b4c04f384d33\n");
-  const std::string second = Identity();
-  EXPECT_EQ(first.size(), 64u);
-  EXPECT_EQ(second.size(), 64u);
-  EXPECT_NE(first, second);
+  EXPECT_NE(Identity(), first);
 }
 
 TEST_F(HwidSandbox, AnEmptyOrBlankMachineIdIsAFailure) {

@@ -7,8 +7,7 @@
 #include "vlib/sysinfo.h"
 #include "vlib/vlibc.h"
 
-using vesk::test::ReadFile;
-using vesk::test::TempDir;
+using namespace vesk::test;
 
 TEST(PlatformExec, SuccessOnlyForExitStatusZero) {
   EXPECT_EQ(VLIBCExecl("/bin/true", 187, static_cast<const char*>(nullptr)), 0);
@@ -23,7 +22,7 @@ TEST(PlatformExec, SuccessOnlyForExitStatusZero) {
   EXPECT_EQ(VLIBCErrGet(), ENOENT);
 }
 
-TEST(PlatformExec, ArgumentsArePassedInOrderAndStdinIsEmpty) {
+TEST(PlatformExec, ArgumentsArePassedInOrderStdinIsEmptyAndTheFixedFormStopsAtNull) {
   TempDir dir;
   const std::string out = dir / "out";
   const std::string script = "printf '%s|' \"$@\" > " + out + "; cat >> " + out;
@@ -31,25 +30,13 @@ TEST(PlatformExec, ArgumentsArePassedInOrderAndStdinIsEmpty) {
                        static_cast<const char*>(nullptr)),
             0);
   EXPECT_EQ(ReadFile(out), "a b||c|");
-}
-
-TEST(PlatformExec, FixedArityFormStopsAtFirstNullAndFailsNegative) {
-  TempDir dir;
-  const std::string out = dir / "out";
-  const std::string script = "echo $# > " + out;
-  ASSERT_EQ(VLIBCExec("/bin/sh", "-c", script.c_str(), nullptr, "ignored"), 0);
+  const std::string count = "echo $# > " + out;
+  ASSERT_EQ(VLIBCExec("/bin/sh", "-c", count.c_str(), nullptr, "ignored"), 0);
   EXPECT_EQ(ReadFile(out), "0\n");
   EXPECT_LT(VLIBCExec("/bin/mv", (dir / "none").c_str(), (dir / "x").c_str(), nullptr, nullptr), 0);
 }
 
-TEST(PlatformFileExist, AnswersFromStat) {
-  TempDir dir;
-  EXPECT_NE(VLIBCFileExist(dir.path().c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist((dir / "none").c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist(nullptr), 0);
-}
-
-TEST(PlatformMkdir, CreatesParentsWithMode0755AndAcceptsExisting) {
+TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) {
   TempDir dir;
   const std::string deep = dir / "a/b/c/";
   ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
@@ -59,9 +46,13 @@ TEST(PlatformMkdir, CreatesParentsWithMode0755AndAcceptsExisting) {
   mode_t mask = umask(0);
   umask(mask);
   EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
-  vesk::test::WriteFile(dir / "f", "x");
+  WriteFile(dir / "f", "x");
   EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
+
+  EXPECT_NE(VLIBCFileExist(deep.c_str()), 0);
+  EXPECT_EQ(VLIBCFileExist((dir / "none").c_str()), 0);
+  EXPECT_EQ(VLIBCFileExist(nullptr), 0);
 }
 
 TEST(PlatformUserAgent, RefusesTooSmallBuffers) {
@@ -75,17 +66,17 @@ TEST(PlatformUserAgent, RefusesTooSmallBuffers) {
 
 TEST(SandboxRoot, ResolvesFixedPathsOnlyWhenSet) {
   {
-    vesk::test::ScopedEnv unset("VESKDBUD_ROOT", nullptr);
+    ScopedEnv unset("VESKDBUD_ROOT", nullptr);
     EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"), "/run/data_update/x.lock");
   }
   {
-    vesk::test::ScopedEnv set("VESKDBUD_ROOT", "/tmp/sandbox//");
+    ScopedEnv set("VESKDBUD_ROOT", "/tmp/sandbox//");
     EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"),
               "/tmp/sandbox/run/data_update/x.lock");
     EXPECT_EQ(vesk::platform::RootPath("/"), "/tmp/sandbox/");
   }
   {
-    vesk::test::ScopedEnv empty("VESKDBUD_ROOT", "");
+    ScopedEnv empty("VESKDBUD_ROOT", "");
     EXPECT_EQ(vesk::platform::RootPath("/var/db/x"), "/var/db/x");
   }
 }

@@ -12,9 +12,7 @@
 #include "test_support.h"
 
 using vesk::dataupdate::FileLock;
-using vesk::test::Exists;
-using vesk::test::LogCapture;
-using vesk::test::Sandbox;
+using namespace vesk::test;
 
 namespace {
 
@@ -39,6 +37,7 @@ class ProjectLockTest : public ::testing::Test {
 
 TEST_F(ProjectLockTest, UnsupportedDatabaseIsMinusTwoAndLogged) {
   CreateLockFile("nope");
+  CreateLockFile("db1");
   LogCapture log;
   EXPECT_EQ(VESKDBUDGetFileLock("nope", 0), -2);
   EXPECT_EQ(log.Lines(), (std::vector<std::string>{
@@ -46,12 +45,9 @@ TEST_F(ProjectLockTest, UnsupportedDatabaseIsMinusTwoAndLogged) {
                              "Project nope not supported",
                              "err: project_lock.cpp:49 [nope] is not supported, skip getting lock",
                          }));
-}
-
-TEST_F(ProjectLockTest, UnreadableConfigurationMakesEveryDatabaseUnsupported) {
-  CreateLockFile("db1");
+  // An unreadable configuration makes every database unsupported.
+  log.Clear();
   boost::filesystem::remove(sandbox.Path("/usr/share/data_update/databases.conf"));
-  LogCapture log;
   EXPECT_EQ(VESKDBUDGetFileLock("db1", 0), -2);
   EXPECT_EQ(log.Matching("project_lock.cpp:30"),
             (std::vector<std::string>{
@@ -87,18 +83,13 @@ TEST_F(ProjectLockTest, ReturnsASharedCloseOnExecDescriptor) {
   EXPECT_TRUE(log.Matching("project_lock.cpp").empty());
 }
 
-TEST_F(ProjectLockTest, ReleasingANegativeResultDoesNothing) {
-  LogCapture log;
-  VESKDBUDReleaseFileLock(-1);
-  VESKDBUDReleaseFileLock(-2);
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST_F(ProjectLockTest, FailedReleaseIsLogged) {
+TEST_F(ProjectLockTest, ReleasingANegativeResultDoesNothingAndAFailedReleaseIsLogged) {
   const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
   ASSERT_EQ(close(fd), 0);  // a number that names no open file
   LogCapture log;
+  VESKDBUDReleaseFileLock(-1);
+  VESKDBUDReleaseFileLock(-2);
   VESKDBUDReleaseFileLock(fd);
   EXPECT_EQ(log.Lines(),
             (std::vector<std::string>{"err: project_lock.cpp:78 Failed to release file lock"}));

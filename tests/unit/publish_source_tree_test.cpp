@@ -38,35 +38,20 @@ TEST(SourceTree, ReadsDatabasesVersionsAndNestedFiles) {
 }
 
 TEST(SourceTree, RefusesWhatCannotBePublished) {
-  TempDir src;
-  WriteFile(src / "geo/1/ok", "x");
-  ASSERT_EQ(symlink("ok", (src / "geo/1/link").c_str()), 0);
-  EXPECT_THROW(ScanSource(src.path()), PublishError);
-
-  TempDir bad_version;
-  WriteFile(bad_version / "geo/01/f", "x");
-  EXPECT_THROW(ScanSource(bad_version.path()), PublishError);
-
-  TempDir not_a_number;
-  WriteFile(not_a_number / "geo/latest/f", "x");
-  EXPECT_THROW(ScanSource(not_a_number.path()), PublishError);
-
-  TempDir bad_id;
-  WriteFile(bad_id / "geo db/1/f", "x");
-  EXPECT_THROW(ScanSource(bad_id.path()), PublishError);
-
-  TempDir stray_file;
-  WriteFile(stray_file / "readme", "x");
-  EXPECT_THROW(ScanSource(stray_file.path()), PublishError);
-
-  EXPECT_THROW(ScanSource(src / "missing"), PublishError);
+  for (const char* bad : {"geo/1/link", "geo/01/f", "geo/latest/f", "geo db/1/f", "readme"}) {
+    TempDir src;
+    WriteFile(src / "geo/1/ok", "x");
+    if (std::string(bad) == "geo/1/link")
+      ASSERT_EQ(symlink("ok", (src / bad).c_str()), 0);
+    else
+      WriteFile(src / bad, "x");
+    EXPECT_THROW(ScanSource(src.path()), PublishError) << bad;
+  }
+  EXPECT_THROW(ScanSource("/nonexistent/source"), PublishError);
 }
 
 TEST(SourceTree, DatabaseIdsAreSafeInPathsAndUrls) {
   EXPECT_TRUE(vesk::publish::IsValidDatabaseId("geo-ip_v4.db"));
-  EXPECT_FALSE(vesk::publish::IsValidDatabaseId(""));
-  EXPECT_FALSE(vesk::publish::IsValidDatabaseId(".."));
-  EXPECT_FALSE(vesk::publish::IsValidDatabaseId(".hidden"));
-  EXPECT_FALSE(vesk::publish::IsValidDatabaseId("a/b"));
-  EXPECT_FALSE(vesk::publish::IsValidDatabaseId("a?b"));
+  for (const char* bad : {"", "..", ".hidden", "a/b", "a?b"})
+    EXPECT_FALSE(vesk::publish::IsValidDatabaseId(bad)) << bad;
 }

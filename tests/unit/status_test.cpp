@@ -5,15 +5,14 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <functional>
 #include <sstream>
 
 #include "dataupdate/io_utils.h"
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-using vesk::test::LogCapture;
-using vesk::test::TempDir;
-using vesk::test::WriteFile;
+using namespace vesk::test;
 
 namespace {
 
@@ -21,8 +20,6 @@ std::string Sha384Of(const std::string& content) {
   std::istringstream in(content);
   return GetSha384(in);
 }
-
-const std::string kNothingDigest = Sha384Of("");
 
 class StatusTest : public ::testing::Test {
  protected:
@@ -38,70 +35,64 @@ class StatusTest : public ::testing::Test {
   LogCapture log;
 };
 
-std::string Upper(std::string text) {
-  for (char& c : text)
-    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  return text;
-}
-
 }  // namespace
 
-TEST_F(StatusTest, CalculateRecordsTheDigestOfEachExistingFile) {
+TEST_F(StatusTest, CalculateRecordsTheDigestOfEachExistingFileBelowTheRoot) {
   EXPECT_EQ(CalculateStatus({"a.db", "sub/b.txt", "removed.db"}, root.path()), Recorded());
   EXPECT_TRUE(CalculateStatus({}, root.path()).empty());
-  EXPECT_TRUE(log.Lines().empty()) << "a missing file is skipped silently";
-}
-
-TEST_F(StatusTest, RootWithTrailingSlashAndAbsoluteNamesAreJoinedBelowTheRoot) {
   EXPECT_EQ(CalculateStatus({"a.db"}, root.path() + "/"),
             (std::map<std::string, FileStatus>{{"a.db", {Sha384Of("alpha")}}}));
   EXPECT_EQ(CalculateStatus({"/sub/b.txt"}, root.path()),
             (std::map<std::string, FileStatus>{{"/sub/b.txt", {Sha384Of("beta")}}}));
-}
-
-TEST_F(StatusTest, UnchangedFilesCheckTrue) {
-  EXPECT_TRUE(CheckStatus(Recorded(), root.path()));
-  EXPECT_TRUE(CheckStatus({}, "/nonexistent"));
-  WriteFile(root / "unlisted", "ignored");
-  EXPECT_TRUE(CheckStatus(Recorded(), root.path()));
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST_F(StatusTest, MissingFileIsGone) {
-  boost::filesystem::remove(root / "sub/b.txt");
-  EXPECT_FALSE(CheckStatus(Recorded(), root.path()));
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"err: updater.cpp:49 File " +
-                                                   (root / "sub/b.txt") + " is gone"}));
-}
-
-TEST_F(StatusTest, ChangedFileFailsTheDigestCheck) {
-  WriteFile(root / "a.db", "alphA");
-  EXPECT_FALSE(CheckStatus(Recorded(), root.path()));
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"err: updater.cpp:56 File " + (root / "a.db") +
-                                                   " digest check fail"}));
-}
-
-TEST_F(StatusTest, UpperCaseDigestNeverMatches) {
-  auto recorded = Recorded();
-  recorded["a.db"].sha384_digest = Upper(recorded["a.db"].sha384_digest);
-  EXPECT_FALSE(CheckStatus(recorded, root.path()));
-  EXPECT_EQ(log.Matching("digest check fail").size(), 1u);
-}
-
-TEST_F(StatusTest, DirectoryInPlaceOfAFileIsPresentButDigestsAsNothing) {
+  // A directory in place of a file is present but digests as nothing.
   boost::filesystem::remove(root / "a.db");
   ASSERT_EQ(mkdir((root / "a.db").c_str(), 0755), 0);
   EXPECT_EQ(CalculateStatus({"a.db"}, root.path()),
-            (std::map<std::string, FileStatus>{{"a.db", {kNothingDigest}}}));
-  EXPECT_FALSE(CheckStatus(Recorded(), root.path()));
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"err: updater.cpp:56 File " + (root / "a.db") +
-                                                   " digest check fail"}));
+            (std::map<std::string, FileStatus>{{"a.db", {Sha384Of("")}}}));
+  EXPECT_TRUE(log.Lines().empty()) << "a missing file is skipped silently";
 }
 
-TEST_F(StatusTest, OnlyTheFirstBadFileInNameOrderIsLogged) {
-  WriteFile(root / "a.db", "changed");
-  boost::filesystem::remove(root / "sub/b.txt");
-  EXPECT_FALSE(CheckStatus(Recorded(), root.path()));
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"err: updater.cpp:56 File " + (root / "a.db") +
-                                                   " digest check fail"}));
+TEST_F(StatusTest, CheckFailsOnTheFirstBadFileInNameOrderAndLogsOnlyIt) {
+  const std::string gone = "err: updater.cpp:49 File " + (root / "sub/b.txt") + " is gone";
+  const std::string changed = "err: updater.cpp:56 File " + (root / "a.db") + " digest check fail";
+  struct Case {
+    const char* what;
+    std::function<void(std::map<std::string, FileStatus>&)> damage;
+    std::vector<std::string> lines;
+  };
+  const std::vector<Case> cases{
+      {"unchanged, an unlisted file beside", [&](auto&) { WriteFile(root / "unlisted", "x"); }, {}},
+      {"missing", [&](auto&) { boost::filesystem::remove(root / "sub/b.txt"); }, {gone}},
+      {"changed", [&](auto&) { WriteFile(root / "a.db", "alphA"); }, {changed}},
+      {"upper-case digest recorded",
+       [](auto& recorded) {
+         std::string& digest = recorded["a.db"].sha384_digest;
+         for (char& c : digest)
+           c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+       },
+       {changed}},
+      {"directory in place of the file",
+       [&](auto&) {
+         boost::filesystem::remove(root / "a.db");
+         boost::filesystem::create_directory(root / "a.db");
+       },
+       {changed}},
+      {"changed and missing",
+       [&](auto&) {
+         WriteFile(root / "a.db", "changed");
+         boost::filesystem::remove(root / "sub/b.txt");
+       },
+       {changed}},
+  };
+  for (const Case& c : cases) {
+    boost::filesystem::remove_all(root / "a.db");
+    WriteFile(root / "a.db", "alpha");
+    WriteFile(root / "sub/b.txt", "beta");
+    log.Clear();
+    auto recorded = Recorded();
+    c.damage(recorded);
+    EXPECT_EQ(CheckStatus(recorded, root.path()), c.lines.empty()) << c.what;
+    EXPECT_EQ(log.Lines(), c.lines) << c.what;
+  }
+  EXPECT_TRUE(CheckStatus({}, "/nonexistent"));
 }
