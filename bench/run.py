@@ -737,6 +737,9 @@ def main():
         print(f"  {number}. {text}: {'met' if met else 'MISSED'}")
     if args.clean:
         shutil.rmtree(bench.work, ignore_errors=True)
+    else:
+        print(f"data kept in {bench.work} ({du_bytes(bench.work) / (1 << 30):.1f} GiB; "
+              "--clean removes it)")
     return 0
 
 

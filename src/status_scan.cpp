@@ -8,7 +8,10 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
+#include <mutex>
 #include <typeinfo>
+#include <vector>
 
 #include "dataupdate/update.h"
 #include "unique_fd.h"
@@ -17,7 +20,15 @@
 namespace vesk::dataupdate {
 namespace {
 
+// Whether name `a` comes strictly before name `b` in byte order.
+bool Ascends(const char* a, size_t a_size, const char* b, size_t b_size) {
+  const int order = std::memcmp(a, b, a_size < b_size ? a_size : b_size);
+  return order < 0 || (order == 0 && a_size < b_size);
+}
+
 constexpr int kMaxDepth = 16;
+constexpr size_t kStreamWindow = 64 * 1024;
+constexpr time_t kSettled = 1;  // seconds
 constexpr size_t kMaxStatusFile = 256 * 1024 * 1024;
 
 // A forward reader of the JSON subset described in the header. Every method
@@ -196,11 +207,6 @@ class Scanner {
     }
   }
 
-  static bool Ascends(const char* a, size_t a_size, const char* b, size_t b_size) {
-    const int order = std::memcmp(a, b, a_size < b_size ? a_size : b_size);
-    return order < 0 || (order == 0 && a_size < b_size);
-  }
-
   const char* p_;
   const char* end_;
 };
@@ -223,7 +229,127 @@ std::optional<int> Digits(const char* text, size_t size) {
   return text[0] == '-' ? -value : value;
 }
 
+// A view of a file through a small buffer that moves forward: [p, end) are the
+// bytes not yet taken. Every byte read is checked for a backslash, as the
+// whole-text scan checks the whole text.
+class Window {
+ public:
+  explicit Window(int fd) : fd_(fd), buffer_(kStreamWindow) { p = end = buffer_.data(); }
+
+  // At least `want` bytes in [p, end) unless the file ends first; false on a
+  // read error or a backslash.
+  bool Fill(size_t want) {
+    if (static_cast<size_t>(end - p) >= want || ended_)
+      return true;
+    const size_t kept = static_cast<size_t>(end - p);
+    std::memmove(buffer_.data(), p, kept);
+    p = buffer_.data();
+    end = p + kept;
+    while (!ended_ && end < buffer_.data() + buffer_.size()) {
+      char* to = buffer_.data() + (end - buffer_.data());
+      const ssize_t n = read(fd_, to, static_cast<size_t>(buffer_.data() + buffer_.size() - to));
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n < 0 || (n > 0 && std::memchr(to, '\\', static_cast<size_t>(n)) != nullptr))
+        return false;
+      ended_ = n == 0;
+      end += n;
+    }
+    return true;
+  }
+
+  // Takes the constant text `expected` when it comes next.
+  template <size_t N>
+  bool Take(const char (&expected)[N]) {
+    if (static_cast<size_t>(end - p) < N - 1 || std::memcmp(p, expected, N - 1) != 0)
+      return false;
+    p += N - 1;
+    return true;
+  }
+
+  bool ended() const { return ended_; }
+
+  const char* p = nullptr;
+  const char* end = nullptr;
+
+ private:
+  int fd_;
+  std::vector<char> buffer_;
+  bool ended_ = false;
+};
+
 }  // namespace
+
+std::optional<int> ScanWrittenStatus(int fd) {
+  // The layout of IOUtils::WriteJson(DatabaseStatus::ToJson(status)) with at
+  // least one file; each piece is also what the whole-text scan accepts.
+  static constexpr size_t kLookahead = 8192;  // more than any entry with a name within PATH_MAX
+  static constexpr size_t kDigest = 96;
+  Window w(fd);
+  if (!w.Fill(kLookahead) || !w.Take("{\n\t\"data_version\" : \""))
+    return std::nullopt;
+  const auto* quote = static_cast<const char*>(std::memchr(w.p, '"', w.end - w.p));
+  if (quote == nullptr)
+    return std::nullopt;
+  const std::optional<int> version = Digits(w.p, static_cast<size_t>(quote - w.p));
+  w.p = quote;
+  if (!version || !w.Take("\",\n\t\"file_statuses\" : \n\t{\n"))
+    return std::nullopt;
+  std::vector<char> previous(kStreamWindow);  // no name is longer than the window
+  size_t previous_size = 0;
+  bool first = true;
+  while (true) {
+    if (!w.Fill(kLookahead) || !w.Take("\t\t\""))
+      return std::nullopt;
+    quote = static_cast<const char*>(std::memchr(w.p, '"', w.end - w.p));
+    if (quote == nullptr)
+      return std::nullopt;
+    const size_t size = static_cast<size_t>(quote - w.p);
+    if (!first && !Ascends(previous.data(), previous_size, w.p, size))
+      return std::nullopt;
+    std::memcpy(previous.data(), w.p, size);
+    previous_size = size;
+    first = false;
+    w.p = quote;
+    if (!w.Take("\" : \n\t\t{\n\t\t\t\"sha384_digest\" : \"") ||
+        static_cast<size_t>(w.end - w.p) < kDigest || std::memchr(w.p, '"', kDigest) != nullptr)
+      return std::nullopt;
+    w.p += kDigest;
+    if (!w.Take("\"\n\t\t}"))
+      return std::nullopt;
+    if (w.Take(",\n"))
+      continue;
+    if (!w.Take("\n\t},\n\t\"last_fetch_time\" : "))
+      return std::nullopt;
+    break;
+  }
+  // The time stamp: an integer within 32 bits that no other character of a
+  // number follows, then the closing brace and nothing but whitespace.
+  const bool negative = w.p < w.end && *w.p == '-';
+  if (negative)
+    ++w.p;
+  long long value = 0;
+  int digits = 0;
+  for (; w.p < w.end && *w.p >= '0' && *w.p <= '9'; ++w.p) {
+    if (++digits > 10)
+      return std::nullopt;
+    value = value * 10 + (*w.p - '0');
+  }
+  if (negative)
+    value = -value;
+  if (digits == 0 || value < INT_MIN || value > INT_MAX || !w.Take("\n}"))
+    return std::nullopt;
+  while (true) {
+    for (; w.p < w.end; ++w.p) {
+      if (*w.p != ' ' && *w.p != '\t' && *w.p != '\n' && *w.p != '\r')
+        return std::nullopt;
+    }
+    if (w.ended())
+      return version;
+    if (!w.Fill(1))
+      return std::nullopt;
+  }
+}
 
 std::optional<int> ScanStatusVersion(const char* text, size_t size) {
   // One pass over the whole text spares a look for escapes in every string.
@@ -255,11 +381,11 @@ std::optional<int> ScanStatusVersion(const char* text, size_t size) {
   return version;
 }
 
-bool ReadWholeFile(const std::string& path, std::string* text) {
+bool ReadWholeFile(const std::string& path, std::string* text, struct stat* identity) {
   // Read, not mapped: a writer that truncates the file in place would turn
   // the reading of a mapped page into a SIGBUS.
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  struct stat st;
+  struct stat& st = *identity;
   if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
       static_cast<std::uint64_t>(st.st_size) > kMaxStatusFile)
     return false;
@@ -277,16 +403,61 @@ bool ReadWholeFile(const std::string& path, std::string* text) {
   return read(fd.get(), &more, 1) == 0;  // else it grew while it was read
 }
 
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+         a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
 std::optional<int> InfoGetter::QuickInstalledVersion(const std::string& id) const {
   // A substitute may read its status from elsewhere, or differently.
   if (typeid(*this) != typeid(InfoGetter) || !io_ || typeid(*io_) != typeid(IOUtils))
     return std::nullopt;
-  // Kept for the next call: a run reads the status file more than once, and
-  // pages already in place are cheaper to fill than new ones.
-  static thread_local std::string text;
-  if (!ReadWholeFile(platform::RootPath("/var/lib/data_update/" + id + "/version.json"), &text))
-    return std::nullopt;
-  return ScanStatusVersion(text.data(), text.size());
+  const std::string path = platform::RootPath("/var/lib/data_update/" + id + "/version.json");
+
+  // The last file read, kept while it is found the same: a run reads the
+  // status once in the tool and once under the update lock. A file changed
+  // less than kSettled ago is never kept, since a change within the same tick
+  // of the file system's clock could leave its times as they were.
+  struct Memo {
+    std::string path;
+    struct stat identity {};
+    int version = 0;
+  };
+  static std::mutex memo_mutex;
+  static Memo memo;
+  struct stat now_seen {};
+  if (stat(path.c_str(), &now_seen) != 0)
+    return std::nullopt;  // missing or unreadable: the full reading tells
+  {
+    const std::lock_guard<std::mutex> lock(memo_mutex);
+    if (memo.path == path && SameFile(memo.identity, now_seen))
+      return memo.version;
+  }
+
+  // The layout this library writes is read through a small buffer: a large
+  // file read whole would cost more in fresh memory than in the scan.
+  struct stat identity {};
+  std::optional<int> version;
+  {
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (fd && fstat(fd.get(), &identity) == 0 && S_ISREG(identity.st_mode))
+      version = ScanWrittenStatus(fd.get());
+  }
+  if (!version) {
+    std::string text;
+    if (!ReadWholeFile(path, &text, &identity))
+      return std::nullopt;
+    version = ScanStatusVersion(text.data(), text.size());
+  }
+  timespec clock{};
+  if (version && clock_gettime(CLOCK_REALTIME, &clock) == 0 &&
+      identity.st_ctim.tv_sec + kSettled < clock.tv_sec &&
+      identity.st_mtim.tv_sec + kSettled < clock.tv_sec) {
+    const std::lock_guard<std::mutex> lock(memo_mutex);
+    memo = Memo{path, identity, *version};
+  }
+  return version;
 }
 
 }  // namespace vesk::dataupdate

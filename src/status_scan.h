@@ -3,6 +3,8 @@
 // cost that stays small for tens of thousands of recorded files.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -19,8 +21,14 @@ namespace vesk::dataupdate {
 // the full reading accepts or rejects: then only the full reading can tell.
 std::optional<int> ScanStatusVersion(const char* text, size_t size);
 
-// The whole of the regular file at `path` in `text`, whose storage is reused
-// from one call to the next; false when it cannot be read so.
-bool ReadWholeFile(const std::string& path, std::string* text);
+// ScanStatusVersion of the rest of the file `fd` when it is in the exact layout
+// IOUtils::WriteJson gives a DatabaseStatus with at least one file, read
+// through a 64 KiB buffer; nullopt for anything else (or a read error), which
+// the whole-text scan may still read.
+std::optional<int> ScanWrittenStatus(int fd);
+
+// The whole of the regular file at `path` in `text`, and the file's fstat
+// before the reading in `identity`; false when it cannot be read so.
+bool ReadWholeFile(const std::string& path, std::string* text, struct stat* identity);
 
 }  // namespace vesk::dataupdate

@@ -3,12 +3,15 @@
 // it never disagrees, whatever the bytes.
 #include "status_scan.h"
 
+#include <fcntl.h>
 #include <json/reader.h>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dataupdate/config.h"
@@ -17,6 +20,7 @@
 #include "dataupdate/update.h"
 #include "forked_child.h"
 #include "test_support.h"
+#include "unique_fd.h"
 
 using namespace vesk::dataupdate;
 using vesk::test::LogCapture;
@@ -168,4 +172,73 @@ TEST(StatusScan, InfoGetterReadsQuicklyOnlyWhatItWroteItself) {
   info.SetDatabaseStatus("db", Recorded(20250602, 2));
   EXPECT_EQ(substituted.QuickInstalledVersion("db"), std::nullopt);
   EXPECT_EQ(substituted.GetDatabaseStatus("db").data_version, 20250602);
+}
+
+// The version of a settled status file is kept between two readings in one
+// process, and never outlives a change of the file, even one of the same size.
+TEST(StatusScan, AKeptVersionGivesWayToAnyChange) {
+  Sandbox sandbox;
+  auto io = std::make_shared<IOUtils>();
+  auto config = std::make_shared<ServiceConfig>(std::make_shared<Config>(io));
+  const InfoGetter info(io, config);
+  info.SetDatabaseStatus("db", Recorded(20250601, 3));
+  const std::string path = sandbox.Path("/var/lib/data_update/db/version.json");
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // settled: kept from now on
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+
+  std::string text = ReadFile(path);
+  text.replace(text.find("20250601"), 8, "20250602");
+  WriteFile(path, text);  // in place, same size
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250602));
+  WriteFile(path, "{}");
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt);
+  EXPECT_EQ(info.GetDatabaseStatus("db").data_version, -1);
+}
+
+// A file larger than the reading window, read through it: the written layout
+// is read, and no damage makes it read otherwise than the whole-text scan.
+TEST(StatusScan, TheWindowedReadingAgreesWithTheWholeText) {
+  TempDir dir;
+  const std::string path = dir / "version.json";
+  const auto windowed = [&path](const std::string& text) {
+    WriteFile(path, text);
+    vesk::dataupdate::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return ScanWrittenStatus(fd.get());
+  };
+  const std::string original = Written(Recorded(20250601, 2000));  // about 300 KB
+  ASSERT_GT(original.size(), 4u * 64 * 1024);
+  EXPECT_EQ(windowed(original), std::optional<int>(20250601));
+  EXPECT_EQ(windowed(Written(Recorded(5, 1))), std::optional<int>(5));
+  EXPECT_EQ(windowed(Written(Recorded(5, 0))), std::nullopt) << "no files: another layout";
+
+  const std::string alphabet = "{}:,\"\\ \t\n-.e0123456789abx";
+  std::mt19937 random(7);
+  int read = 0;
+  for (int round = 0; round < 300; ++round) {
+    std::string text = original;
+    // Edits near the start, the window's edges and the end, where the layout
+    // has its fixed parts, as well as anywhere.
+    const size_t places[] = {random() % 120, 64 * 1024 - 60 + random() % 120,
+                             text.size() - 1 - random() % 120, random() % text.size()};
+    const size_t at = places[random() % 4];
+    const char c = alphabet[random() % alphabet.size()];
+    switch (random() % 3) {
+      case 0:
+        text[at] = c;
+        break;
+      case 1:
+        text.erase(at, 1);
+        break;
+      default:
+        text.insert(at, 1, c);
+    }
+    const std::optional<int> version = windowed(text);
+    if (!version)
+      continue;
+    ++read;
+    ASSERT_EQ(version, Quick(text)) << "edit at " << at;
+    ASSERT_EQ(version, FullReading(text)) << "edit at " << at;
+  }
+  EXPECT_GT(read, 10);
 }
