@@ -6,10 +6,13 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "dataupdate/error.h"
 #include "test_support.h"
 
 namespace vesk::test {
@@ -86,5 +89,45 @@ class HostMountPoints {
 
 // Seconds elapsed on the steady clock since `start`.
 double SecondsSince(std::chrono::steady_clock::time_point start);
+
+// What a forked child found wrong, one line each in a file, for the parent to
+// report (gtest assertions do not reach the parent from a child).
+class Findings {
+ public:
+  explicit Findings(std::string path) : path_(std::move(path)) {}
+  void Expect(bool ok, const std::string& what) const {
+    if (!ok)
+      std::ofstream(path_, std::ios::app) << what << "\n";
+  }
+  template <typename A, typename B>
+  void Equal(const A& got, const B& want, const std::string& what) const {
+    std::ostringstream line;
+    line << what << ": got \"" << got << "\", expected \"" << want << "\"";
+    Expect(got == want, line.str());
+  }
+  // Runs `call`, which must throw dataupdate::UpdateError with `message`.
+  void Throws(const std::function<void()>& call, const std::string& message,
+              const std::string& what) const {
+    try {
+      call();
+      Expect(false, what + ": no error");
+    } catch (const dataupdate::UpdateError& e) {
+      Equal(std::string(e.what()), message, what);
+    }
+  }
+  // Runs `call`, which must throw dataupdate::UpdateError whose message begins with `prefix`.
+  void ThrowsBeginning(const std::function<void()>& call, const std::string& prefix,
+                       const std::string& what) const {
+    try {
+      call();
+      Expect(false, what + ": no error");
+    } catch (const dataupdate::UpdateError& e) {
+      Expect(std::string(e.what()).rfind(prefix, 0) == 0, what + ": " + e.what());
+    }
+  }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace vesk::test

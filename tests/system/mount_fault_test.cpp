@@ -25,45 +25,6 @@ namespace {
 
 constexpr int kSkip = 77;
 
-// What the child found wrong, one line each, for the parent to report.
-class Findings {
- public:
-  explicit Findings(std::string path) : path_(std::move(path)) {}
-  void Expect(bool ok, const std::string& what) const {
-    if (!ok)
-      std::ofstream(path_, std::ios::app) << what << "\n";
-  }
-  template <typename A, typename B>
-  void Equal(const A& got, const B& want, const std::string& what) const {
-    std::ostringstream line;
-    line << what << ": got \"" << got << "\", expected \"" << want << "\"";
-    Expect(got == want, line.str());
-  }
-  // Runs `call`, which must throw UpdateError with `message`.
-  void Throws(const std::function<void()>& call, const std::string& message,
-              const std::string& what) const {
-    try {
-      call();
-      Expect(false, what + ": no error");
-    } catch (const UpdateError& e) {
-      Equal(std::string(e.what()), message, what);
-    }
-  }
-  // Runs `call`, which must throw UpdateError whose message begins with `prefix`.
-  void ThrowsBeginning(const std::function<void()>& call, const std::string& prefix,
-                       const std::string& what) const {
-    try {
-      call();
-      Expect(false, what + ": no error");
-    } catch (const UpdateError& e) {
-      Expect(std::string(e.what()).rfind(prefix, 0) == 0, what + ": " + e.what());
-    }
-  }
-
- private:
-  std::string path_;
-};
-
 // Fills the file system holding `dir` with the file `dir`/filler until it is full.
 void Fill(const std::string& dir) {
   std::ofstream out(dir + "/filler", std::ios::binary);

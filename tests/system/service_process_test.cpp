@@ -140,25 +140,6 @@ TEST_F(ServiceProcessTest, AReaderHoldingTheReadLockDelaysTheInstall) {
   EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
 }
 
-// What a forked child found wrong, one line each, for the parent to report.
-class Findings {
- public:
-  explicit Findings(std::string path) : path_(std::move(path)) {}
-  void Expect(bool ok, const std::string& what) const {
-    if (!ok)
-      std::ofstream(path_, std::ios::app) << what << "\n";
-  }
-  template <typename A, typename B>
-  void Equal(const A& got, const B& want, const std::string& what) const {
-    std::ostringstream line;
-    line << what << ": got \"" << got << "\", expected \"" << want << "\"";
-    Expect(got == want, line.str());
-  }
-
- private:
-  std::string path_;
-};
-
 // Real tmpfs volumes at /volume1 (4 MiB), /volume2 and /volume3 (16 MiB each)
 // with db1 reserving 8 MiB: the small volume is passed over, the databases
 // follow the volume that leaves, updates stop when no volume can take them,
