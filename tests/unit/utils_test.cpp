@@ -228,6 +228,17 @@ TEST_F(IOUtilsTest, CopyFileReplacesTargetAndCreatesParents) {
   EXPECT_EQ(ReadFile(dir / "out/old"), "new content");
   io.CopyFile(dir / "src", dir / "deep/er/copy");
   EXPECT_EQ(ReadFile(dir / "deep/er/copy"), "new content");
+  // Larger than one block of the fallback loop, odd-sized, every byte distinct
+  // in its position: the kernel's copy must neither drop nor repeat a range.
+  std::string big(1024 * 1024 + 7, '\0');
+  for (size_t i = 0; i < big.size(); ++i)
+    big[i] = static_cast<char>((i * 2654435761u) >> 13);
+  WriteFile(dir / "big", big);
+  io.CopyFile(dir / "big", dir / "big.copy");
+  EXPECT_TRUE(ReadFile(dir / "big.copy") == big);
+  WriteFile(dir / "empty-src", "");
+  io.CopyFile(dir / "empty-src", dir / "empty-copy");
+  EXPECT_EQ(ReadFile(dir / "empty-copy"), "");
 
   ASSERT_EQ(symlink("src", (dir / "link").c_str()), 0);
   io.CopyFile(dir / "link", dir / "link2");  // a link is copied as a link
