@@ -225,12 +225,13 @@ class Bench:
         for binary in (self.tool, self.publisher, self.decoder, self.helper):
             if not os.access(binary, os.X_OK):
                 fail(f"{binary} is missing: build first (make bench builds)")
-        for program in ("/usr/bin/time", "wget", "tar", "zstd", "sha384sum", "sqlite3", "sqldiff", "xdelta3"):
+        for program in ("/usr/bin/time", "wget", "tar", "zstd", "sha384sum", "openssl", "sqlite3",
+                        "sqldiff", "xdelta3"):
             if shutil.which(program) is None:
                 fail(f"needs {program} (scripts/install-deps)")
         self.work.mkdir(parents=True, exist_ok=True)
         self.rows = []     # (figure, project, baseline, ratio) as text
-        self.targets = []  # (number, text, met)
+        self.targets = []  # (number, text, met, bound)
         self.server = None
 
     # -------------------------------------------------------------- helpers
@@ -239,8 +240,9 @@ class Bench:
         self.rows.append((figure, project, baseline, ratio))
         print(f"  {figure:<44} {project:>12} {baseline:>12} {ratio:>8}", flush=True)
 
-    def target(self, number, text, met):
-        self.targets.append((number, text, met))
+    def target(self, number, text, met, bound=""):
+        """`bound`: why a miss is set by documented behaviour, printed with it."""
+        self.targets.append((number, text, met, bound))
 
     # -------------------------------------------------------------- sources
 
@@ -495,8 +497,9 @@ class Bench:
 
         # What the diff route cannot do without: copying the installed file
         # (it changes a copy), the SQL in one transaction per version with the
-        # journal as configured, and the digest of the result for the status.
-        note("the same work by hand: cp, sqlite3 with each diff, sha384sum")
+        # journal as configured, and the digest of the result for the status,
+        # here with OpenSSL's SHA-384, the code the library digests with.
+        note("the same work by hand: cp, sqlite3 with each diff, openssl dgst -sha384")
         work = chain.base / "by-hand"
         work.mkdir(exist_ok=True)
         installed = snapshot / "files" / "data.db"
@@ -508,23 +511,29 @@ class Bench:
                 out.write((self.vendor / "sqldiffs" / f"{version}.sqlitediff").read_text())
                 out.write("COMMIT;\n")
             scripts.append(script)
-        parts = {"cp": [], "sqlite3": [], "sha384sum": []}
+        parts = {"cp": [], "sqlite3": [], "openssl dgst -sha384": []}
         for i in range(a.runs):
             (work / "data.db").unlink(missing_ok=True)
             parts["cp"].append(timed(["cp", installed, work / "data.db"]).seconds)
             parts["sqlite3"].append(sum(
                 timed(["sqlite3", "-bail", work / "data.db"], stdin_path=script).seconds
                 for script in scripts))
-            parts["sha384sum"].append(timed(["sha384sum", work / "data.db"]).seconds)
+            parts["openssl dgst -sha384"].append(
+                timed(["openssl", "dgst", "-sha384", work / "data.db"]).seconds)
         floor = sum(median(v) for v in parts.values())
         for name, values in parts.items():
-            self.row(f"3   by hand: {name} (s)", f"{median(values):.2f}", "", "")
+            self.row(f"3   by hand: {name} (s)", f"{median(values):.2f}", f"{f:.2f}",
+                     f"{median(values) / f:.2f}")
         self.row("3   by hand in all vs full update (s)", f"{floor:.2f}", f"{f:.2f}",
                  f"{floor / f:.2f}")
         db, fb = downloads["diff"], downloads["full"]
         self.row("3 bytes downloaded, diffs vs full package (MiB)", f"{db / MIB:.2f}",
                  f"{fb / MIB:.2f}", f"{db / fb:.3f}")
-        self.target(3, f"diff-chain update <= 0.25 x full update ({d / f:.2f})", d / f <= 0.25)
+        digest = median(parts["openssl dgst -sha384"])
+        self.target(3, f"diff-chain update <= 0.25 x full update ({d / f:.2f})", d / f <= 0.25,
+                    f"bound by the documented route: by hand its work takes {floor / f:.2f} of "
+                    f"the full update, the SHA-384 of the result alone {digest / f:.2f} "
+                    "(docs/performance.md)" if floor / f > 0.25 else "")
         self.target(3, f"diff-chain download <= 5% of the full package ({db / fb:.1%})",
                     db / fb <= 0.05)
         chain.remove()
@@ -733,8 +742,10 @@ def main():
     print(f"load average {load_after[0]:.2f} {load_after[1]:.2f} {load_after[2]:.2f} at the end, "
           f"{time.perf_counter() - started:.0f} s in all")
     print("targets:")
-    for number, text, met in bench.targets:
+    for number, text, met, bound in bench.targets:
         print(f"  {number}. {text}: {'met' if met else 'MISSED'}")
+        if not met and bound:
+            print(f"       {bound}")
     if args.clean:
         shutil.rmtree(bench.work, ignore_errors=True)
     else:
