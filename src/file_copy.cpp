@@ -2,8 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,15 +38,12 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
-// Lets the kernel copy: a reflink where the file system shares extents
-// (*cloned), else copy_file_range, which moves the data without a round trip
-// through this process and advances both offsets. Where neither applies
-// (another file system, an old kernel) nothing is written and the caller's
-// reading loop does the whole copy. Returns false with errno on a real failure.
-bool KernelCopy(int in, int out, off_t size, bool* cloned) {
-  *cloned = ioctl(out, FICLONE, in) == 0;
-  if (*cloned)
-    return true;
+// Lets the kernel copy with copy_file_range, which moves the data without a
+// round trip through this process, shares the extents where the file system
+// has reflinks, and advances both offsets. Where it does not apply (another
+// file system, an old kernel) nothing is written and the caller's reading loop
+// does the whole copy. Returns false with errno on a real failure.
+bool KernelCopy(int in, int out, off_t size) {
   off_t copied = 0;
   while (copied < size) {
     const ssize_t n =
@@ -79,13 +74,12 @@ void CopyFileContents(const std::string& from, const std::string& to) {
     Fail(from, to, errno);
 
   int error = 0;
-  bool cloned = false;
-  if (!KernelCopy(in.get(), out.get(), st.st_size, &cloned))
+  if (!KernelCopy(in.get(), out.get(), st.st_size))
     error = errno;
   // Whatever the kernel did not copy (all of it, or a tail that grew since
   // fstat) is read and written from the current offsets.
-  std::vector<char> block(cloned || error != 0 ? 0 : kBlock);
-  while (!cloned && error == 0) {
+  std::vector<char> block(error != 0 ? 0 : kBlock);
+  while (error == 0) {
     const ssize_t n = ::read(in.get(), block.data(), block.size());
     if (n < 0 && errno == EINTR)
       continue;
