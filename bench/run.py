@@ -320,7 +320,8 @@ class Bench:
         self.request_log = self.work / "requests.log"
         self.request_log.write_text("")
         self.server = subprocess.Popen(
-            [sys.executable, HERE / "serve.py", "--dir", served, "--log", self.request_log],
+            [sys.executable, HERE / "serve.py", "--dir", served, "--log", self.request_log,
+             "--rate-mbit", str(self.args.link_mbit)],
             stdout=subprocess.PIPE, text=True)
         self.port = int(self.server.stdout.readline())
         base = f"http://127.0.0.1:{self.port}/repo"
@@ -335,7 +336,8 @@ class Bench:
         for entry in nodiff["db_list"].values():
             entry.pop("diff_files", None)
         (docs / "nodiff").write_text(json.dumps(nodiff, indent=1))
-        note(f"serving {served} on 127.0.0.1:{self.port}")
+        pace = f", paced to {self.args.link_mbit:g} Mbit/s" if self.args.link_mbit else ""
+        note(f"serving {served} on 127.0.0.1:{self.port}{pace}")
 
     def requests_since(self, mark):
         lines = self.request_log.read_text().splitlines()[mark:]
@@ -710,6 +712,9 @@ def main():
     parser.add_argument("--noop-small", type=int, default=10)
     parser.add_argument("--noop-large", type=int, default=10000)
     parser.add_argument("--handoffs", type=int, default=100)
+    parser.add_argument("--link-mbit", type=float, default=0,
+                        help="pace the server's bodies to this many Mbit/s, as over a real "
+                             "link (0: the loopback's own speed)")
     parser.add_argument("--keep", action="store_true",
                         help="keep the appliance sandboxes in WORK/run (to profile them)")
     parser.add_argument("--clean", action="store_true",
