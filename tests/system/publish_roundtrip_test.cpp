@@ -185,6 +185,15 @@ TEST_F(PublishRoundTripTest, ServedPackagesExtractToEveryVersionAndTheirDiffsAre
       for (unsigned char c : id_bytes)
         hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
       EXPECT_EQ(hex, key_id);
+      // One byte of the signed archive changed in transit: refused unopened.
+      std::string flipped = bytes;
+      flipped[vesk::envelope::kHeaderSize +
+              (bytes.size() - vesk::envelope::kHeaderSize - vesk::envelope::kTrailerSize) / 2] ^= 1;
+      WriteFile(pkg + ".flipped", flipped);
+      fs::create_directories(work / "flipped");
+      ArchivePtr h(veskarchive_init((work / "flipped").c_str()));
+      EXPECT_EQ(veskarchive_open_with_keytype(h.get(), (pkg + ".flipped").c_str(), 6), 0) << pkg;
+      EXPECT_TRUE(ListTree(work / "flipped").empty());
     }
     const std::map<int, DiffInfo> diffs = DiffInfo::BatchFromJson(doc["db_list"][id]["diff_files"]);
     ASSERT_EQ(diffs.size(), 2u) << id;
