@@ -5,12 +5,15 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -135,6 +138,36 @@ HostMountPoints::~HostMountPoints() {
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void InMountNamespace(const std::function<void(const Findings&)>& body) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "mounting needs root (euid " << geteuid() << ")";
+  constexpr int kSkip = 77;
+  TempDir dir;
+  const std::string path = dir / "findings";
+  ForkedChild child([&](const ForkedChild::Channel&) {
+    const Findings findings(path);
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      findings.Expect(false, std::string("no private mount namespace: ") + std::strerror(errno));
+      return kSkip;
+    }
+    try {
+      body(findings);
+    } catch (const std::exception& e) {
+      findings.Expect(false, std::string("unexpected error: ") + e.what());
+    }
+    return 0;
+  });
+  const int status = child.Wait(std::chrono::seconds(120));
+  const std::string report = Exists(path) ? ReadFile(path) : "";
+  if (status == kSkip)
+    GTEST_SKIP() << report;
+  std::istringstream lines(report);
+  for (std::string line; std::getline(lines, line);)
+    ADD_FAILURE() << line;
+  EXPECT_EQ(status, 0) << "the child died (-1) or threw something that is no exception (100)";
 }
 
 }  // namespace vesk::test

@@ -131,10 +131,6 @@ std::map<std::string, std::string> Snapshot(const std::string& dir) {
   return files;
 }
 
-}  // namespace vesk::test
-
-namespace vesk::test {
-
 void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::string& volume,
                         const std::vector<DatabaseEntry>& databases) {
   Json::Value service;
@@ -152,10 +148,6 @@ void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::str
   WriteFile(sandbox / "usr/share/data_update/data_update.conf", service.toStyledString());
   WriteFile(sandbox / "usr/share/data_update/databases.conf", dbs.toStyledString());
 }
-
-}  // namespace vesk::test
-
-namespace vesk::test {
 
 std::string CompareTrees(const std::string& got, const std::string& want, bool sqlite_by_content) {
   const auto a = Snapshot(got);

@@ -65,10 +65,6 @@ void InstallTrust(const Sandbox& sandbox, const Repo& repo);
 // Every regular file below `dir`, relative name -> content.
 std::map<std::string, std::string> Snapshot(const std::string& dir);
 
-}  // namespace vesk::test
-
-namespace vesk::test {
-
 struct DatabaseEntry {
   std::string id;
   std::string install_dest = "%VOLUME%";
@@ -81,10 +77,6 @@ struct DatabaseEntry {
 // `volume`) and databases.conf below the sandbox's /usr/share/data_update.
 void WriteDefaultConfig(const Sandbox& sandbox, const Repo& repo, const std::string& volume,
                         const std::vector<DatabaseEntry>& databases);
-
-}  // namespace vesk::test
-
-namespace vesk::test {
 
 // "" when the regular files below `got` equal those below `want`; otherwise a
 // short description naming the files that differ (never their contents).

@@ -70,14 +70,7 @@ class ServiceTest : public ::testing::Test {
     if (n > 0)
       repo.CopyVersion(id, version - 1, version);
     repo.SetFile(id, version, "readme.txt", id + " release " + std::to_string(n) + "\n");
-    std::string table(32 << 10, '\0');
-    unsigned long long x = 88172645463325252ull;
-    for (char& c : table) {
-      x ^= x << 13;
-      x ^= x >> 7;
-      x ^= x << 17;
-      c = static_cast<char>(x);
-    }
+    std::string table = Pseudorandom(32 << 10, 1);
     table[n] = 'x';
     repo.SetFile(id, version, "tables/table.bin", table);
     repo.Sql(id, version, "items.db",

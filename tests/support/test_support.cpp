@@ -111,6 +111,15 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
+std::string Pseudorandom(size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  for (char& c : s) {
+    seed = seed * 1103515245u + 12345u;
+    c = static_cast<char>(seed >> 16);
+  }
+  return s;
+}
+
 void SetAge(const std::string& path, long age_seconds) {
   struct timeval now;
   gettimeofday(&now, nullptr);

@@ -60,6 +60,8 @@ class LogCapture {
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
 bool Exists(const std::string& path);
+// `size` bytes that do not compress, the same for the same `seed`.
+std::string Pseudorandom(size_t size, unsigned seed);
 // Sets the modification time of `path` to now - `age_seconds`.
 void SetAge(const std::string& path, long age_seconds);
 

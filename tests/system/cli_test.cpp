@@ -1,7 +1,6 @@
-// The veskdbud tool as an operator runs it: installed by `cmake --install` into
-// a fresh prefix, started as a process with a sandbox (VESKDBUD_ROOT) in its
-// environment, against a repository published by veskdbud-publish and served
-// on 127.0.0.1, and judged by its exit status, its output and what it leaves.
+// The veskdbud tool as installed by `cmake --install`, run as an operator
+// would against a published repository, judged by its exit status, its
+// output and what it leaves.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 

@@ -1,4 +1,5 @@
-// IOUtils::Download with the real wget against a real HTTP server on 127.0.0.1.
+// IOUtils::Download with the real wget against a real HTTP server on 127.0.0.1
+// (its failures are in service_test, where the service meets them).
 #include <gtest/gtest.h>
 
 #include "dataupdate/io_utils.h"
@@ -30,14 +31,4 @@ TEST_F(DownloadTest, FetchesOrReplacesTheDestinationAndLogsTheUserAgent) {
             std::vector<std::string>{"debug: utils.cpp:229 Use " + VeskGetUserAgent("database") +
                                      " as user agent string"});
   EXPECT_EQ(server.Requests(), (std::vector<std::string>{"GET /db/pkg.bin"}));
-}
-
-TEST_F(DownloadTest, NotFoundOrRefusedFailsAndRemovesTheDestination) {
-  HttpServer server(served.path());
-  for (const std::string& url :
-       {server.url("/missing"), "http://127.0.0.1:" + std::to_string(UnusedPort()) + "/x"}) {
-    WriteFile(out / "dest", "previous");
-    EXPECT_UPDATE_ERROR(io.Download(out / "dest", url), "Fail to wget url: " + url);
-    EXPECT_FALSE(Exists(out / "dest")) << url;
-  }
 }

@@ -1,8 +1,6 @@
-// Hostile input: diff packages signed with the trusted key whose index names
-// files outside the install directory or is malformed, and database-info,
-// status and configuration documents of the wrong shape, size or range. Each
-// must end in a clear UpdateError (or the documented fallback) before anything
-// outside the install directory is read or written, and nothing may crash.
+// Hostile input: signed diff packages whose index leaves the install directory
+// or is malformed, and documents of the wrong shape, size or range. Each ends
+// in a clear error or the fallback before anything outside is touched.
 #include <gtest/gtest.h>
 #include <limits.h>
 
@@ -74,10 +72,9 @@ class HostileInputTest : public ServiceTest {
   int crafted_ = 0;
 };
 
-// Versions 1 and 2 are published; version 1 is installed. Each crafted diff
-// leading to 2 is refused before anything is patched, the engine falls back
-// to the full package, the installed files end as version 2, and the files
-// beside the install directory are neither removed, replaced, created nor read.
+// Each crafted diff from 1 to 2 is refused before anything is patched, the
+// whole package is installed instead, and nothing beside the install
+// directory is removed, replaced, created or read.
 TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) {
   WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   repo.SetFile("db1", 1, "readme.txt", "one\n");
@@ -252,10 +249,7 @@ std::string Nested(size_t depth, const std::string& inner) {
 }
 
 // Database-info, status and configuration documents of the wrong shape, too
-// deep, too large or holding numbers out of range. The database-info document
-// and the status are checked through UpdateProject, the configuration through
-// every reader of it (the update, the checker, the outside reader's lock and
-// Config itself). No call may crash or let anything but UpdateError out.
+// deep, too large or out of range, through every reader of each.
 TEST_F(HostileInputTest, DocumentsOfTheWrongShapeSizeOrRangeFailClearly) {
   WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   Release("db1", 0);
@@ -346,6 +340,7 @@ TEST_F(HostileInputTest, DocumentsOfTheWrongShapeSizeOrRangeFailClearly) {
       {"a file status a string",
        R"({"data_version": "7000001", "last_fetch_time": 0, "file_statuses": {"/a": "x"}})"},
       {"top level an array", "[1, 2, 3]"},
+      {"cut off", R"({"data_version": "70)"},
       {"nested deeper than the reader allows", Nested(100000, "")},
   };
   for (const auto& [what, status] : statuses) {
@@ -354,6 +349,8 @@ TEST_F(HostileInputTest, DocumentsOfTheWrongShapeSizeOrRangeFailClearly) {
     log.Clear();
     EXPECT_EQ(service.info->GetDatabaseStatus("db1").data_version, -1);
     EXPECT_EQ(log.Matching("update.cpp:17").size(), 2u);
+    EXPECT_TRUE(log.Contains(
+        "warning: update.cpp:174 db1 version file gone or corrupted or in the first updating"));
     service.update.UpdateProject("db1");
     EXPECT_EQ(ReadFile(StatusPath("db1")), installed);
   }

@@ -1,9 +1,7 @@
-// An update killed with SIGKILL at each of its steps in turn, in a real forked
-// process: while downloading, extracting, patching, replacing the installed
-// files (whole package and diff) and before the status is written. After each
-// kill no lock stays held (also while the killed run's helpers live on), the
-// status is the previous one, and the next run ends with exactly the published
-// files and their status; temporary files of the killed run do not leak into it.
+// An update killed with SIGKILL in a forked process at each step: downloading,
+// extracting, patching, replacing (whole package and diff), before the status.
+// No lock stays held, the status is the previous one, and the next run ends
+// with exactly the published files, unaffected by the killed run's leftovers.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -119,11 +117,8 @@ class KillTest : public ServiceTest {
     return false;
   }
 
-  // Kills `operation` where `condition` first holds, and checks with `landed`
-  // that the kill came while the step was still under way. A kill that came
-  // too late (the poll was not scheduled in time, or the operation ended) is
-  // undone by putting the installed files and the status back, and tried
-  // again, up to five times.
+  // Kills `operation` where `condition` first holds; `landed` tells whether the
+  // step was still under way. A kill that came too late is undone and retried.
   bool KillDuring(const std::function<void()>& operation, const std::function<bool()>& condition,
                   const std::function<bool()>& landed) {
     const auto files = Snapshot(Prefix("db1"));

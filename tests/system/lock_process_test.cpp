@@ -1,6 +1,7 @@
 // Lock files between real processes: the time limits of FileLock and of the
 // exported reader lock, readers sharing, writers and readers waiting for each
-// other, and the documented lock order running without deadlock.
+// other, the documented lock order running without deadlock, and
+// configuration writers serialised by "/run/data_update/config.lock".
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,14 +9,15 @@
 #include <memory>
 #include <thread>
 
+#include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/project_lock.h"
 #include "forked_child.h"
 #include "test_support.h"
+#include "vesk/root.h"
 
-using vesk::dataupdate::FileLock;
-using vesk::dataupdate::UpdateError;
+using namespace vesk::dataupdate;
 using namespace vesk::test;
 using Clock = std::chrono::steady_clock;
 
@@ -29,6 +31,7 @@ class LockProcessTest : public ::testing::Test {
  protected:
   LockProcessTest() {
     sandbox.Write("/usr/share/data_update/databases.conf", R"({"db1": {}})");
+    sandbox.Write("/usr/share/data_update/data_update.conf", R"({"config": {}})");
     FileLock create(using_path, 0);  // the lock file exists once a writer has run
   }
 
@@ -135,4 +138,53 @@ TEST_F(LockProcessTest, ProcessesTakingLocksInTheDocumentedOrderDoNotDeadlock) {
   ForkedChild b(run);
   EXPECT_EQ(a.Wait(std::chrono::seconds(60)), 0);
   EXPECT_EQ(b.Wait(std::chrono::seconds(60)), 0);
+}
+
+TEST_F(LockProcessTest, ConcurrentConfigWritersLoseNoKey) {
+  constexpr int kProcesses = 4;
+  constexpr int kKeysEach = 15;
+  std::vector<std::unique_ptr<ForkedChild>> writers;
+  for (int p = 0; p < kProcesses; ++p) {
+    writers.push_back(std::make_unique<ForkedChild>([p](const ForkedChild::Channel& parent) {
+      parent.Receive();  // all start together
+      auto config = std::make_shared<Config>(std::make_shared<IOUtils>());
+      config->Init(vesk::platform::RootPath("/usr/share/data_update/data_update.conf"),
+                   vesk::platform::RootPath("/usr/vesk/etc/data_update/data_update.conf"));
+      for (int k = 0; k < kKeysEach; ++k)
+        config->Set("p" + std::to_string(p), "k" + std::to_string(k), 1ULL * p * 100 + k);
+      return 0;
+    }));
+  }
+  for (auto& writer : writers)
+    writer->Send('g');
+  for (auto& writer : writers)
+    EXPECT_EQ(writer->Wait(), 0);
+
+  Config config(std::make_shared<IOUtils>());
+  config.Init(sandbox.Path("/usr/share/data_update/data_update.conf"),
+              sandbox.Path("/usr/vesk/etc/data_update/data_update.conf"));
+  EXPECT_EQ(config.GetSections().size(), static_cast<size_t>(kProcesses));
+  for (int p = 0; p < kProcesses; ++p) {
+    for (int k = 0; k < kKeysEach; ++k) {
+      EXPECT_EQ(config.GetAsUInt64("p" + std::to_string(p), "k" + std::to_string(k)),
+                1ULL * p * 100 + k);
+    }
+  }
+}
+
+TEST_F(LockProcessTest, ConfigSetWaitsWhileAnotherProcessHoldsTheConfigurationLock) {
+  const std::string lock_path = sandbox.Path("/run/data_update/config.lock");
+  ForkedChild holder([&](const ForkedChild::Channel& parent) {
+    FileLock lock(lock_path, 0);
+    parent.Send('L');
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    return 0;
+  });
+  ASSERT_EQ(holder.Receive(), 'L');
+  ServiceConfig service(std::make_shared<Config>(std::make_shared<IOUtils>()));
+  const auto start = std::chrono::steady_clock::now();
+  service.SetCurVolume("/mnt/v9");
+  EXPECT_GE(SecondsSince(start), 0.3);
+  EXPECT_EQ(service.GetCurVolume(), "/mnt/v9");
+  EXPECT_EQ(holder.Wait(), 0);
 }

@@ -1,22 +1,15 @@
 // The service front between real processes: updates of one database
-// serialising, the checker seeing them, an outside reader delaying the
-// install, and real volumes mounted and leaving in a private mount namespace.
-// Forked children report through their exit status and a findings file.
+// serialising, the checker seeing them, and real volumes mounted and leaving.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
-#include "dataupdate/project_lock.h"
 #include "service_fixture.h"
 #include "vesk/mount_vol.h"
 
@@ -26,8 +19,6 @@ using namespace vesk::test;
 using namespace std::chrono_literals;
 
 namespace {
-
-constexpr int kSkip = 77;
 
 bool WaitFor(const std::string& path, std::chrono::seconds limit = 20s) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -42,18 +33,15 @@ bool WaitFor(const std::string& path, std::chrono::seconds limit = 20s) {
 class ServiceProcessTest : public ServiceTest {
  protected:
   // A version-change plug-in that records each action ("4 db1" before the
-  // change, "5 db1" after it) and, when `hold` is set, stops before the change
-  // until the file `go` appears, after creating `started`.
-  void InstallPlugin(bool hold) {
-    const std::string dir =
-        sandbox.Path("/usr/vesk/lib/plugins/database_autoupdate/version_change");
-    std::string script = "#!/bin/sh\necho \"$1 $DATABASE\" >> " + ShellQuote(marks) + "\n";
-    if (hold) {
-      script += "[ \"$1\" = 4 ] || exit 0\n: > " + ShellQuote(started) + "\nwhile [ ! -e " +
-                ShellQuote(go) + " ]; do sleep 0.05; done\n";
-    }
-    WriteFile(dir + "/10-mark", script);
-    ASSERT_EQ(Shell("chmod +x " + ShellQuote(dir + "/10-mark")), 0);
+  // change, "5 db1" after it) and stops before the change until the file `go`
+  // appears, after creating `started`.
+  void InstallPlugin() {
+    const std::string plugin =
+        sandbox.Path("/usr/vesk/lib/plugins/database_autoupdate/version_change/10-mark");
+    WriteFile(plugin, "#!/bin/sh\necho \"$1 $DATABASE\" >> " + ShellQuote(marks) +
+                          "\n[ \"$1\" = 4 ] || exit 0\n: > " + ShellQuote(started) +
+                          "\nwhile [ ! -e " + ShellQuote(go) + " ]; do sleep 0.05; done\n");
+    ASSERT_EQ(Shell("chmod +x " + ShellQuote(plugin)), 0);
   }
 
   // A child running UpdateProject; exit status 0 when it returned.
@@ -74,7 +62,7 @@ TEST_F(ServiceProcessTest, UpdatesOfOneDatabaseSerialiseAndTheCheckerSeesThem) {
   WriteDefaultConfig(sandbox, repo, volume, {{"db1"}, {"db2"}});
   Release("db1", 0);
   ASSERT_EQ(repo.Publish(), 0);
-  InstallPlugin(true);
+  InstallPlugin();
   EXPECT_FALSE(service.checker.IsAnyUpdating());
   EXPECT_FALSE(service.checker.IsUpdating("db1"));
 
@@ -103,71 +91,26 @@ TEST_F(ServiceProcessTest, UpdatesOfOneDatabaseSerialiseAndTheCheckerSeesThem) {
   EXPECT_FALSE(service.checker.IsAnyUpdating());
 }
 
-TEST_F(ServiceProcessTest, AReaderHoldingTheReadLockDelaysTheInstall) {
-  WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
-  Release("db1", 0);
-  ASSERT_EQ(repo.Publish(), 0);
-  service.update.UpdateProject("db1");
-  Release("db1", 1);
-  ASSERT_EQ(repo.Publish(), 0);
-  SetAge(Cache(), 3601 + 60);
-  InstallPlugin(false);
-
-  ForkedChild reader([](const ForkedChild::Channel& parent) {
-    const int fd = VESKDBUDGetFileLock("db1", 0);
-    if (fd < 0)
-      return 1;
-    parent.Send('L');
-    parent.Receive();
-    VESKDBUDReleaseFileLock(fd);
-    return 0;
-  });
-  ASSERT_EQ(reader.Receive(), 'L');
-  auto updater = UpdateInChild("db1");
-  // Prepared and announced to the plug-ins, the update waits for the reader.
-  const auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (!Exists(marks) && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(10ms);
-  ASSERT_TRUE(Exists(marks));
-  EXPECT_EQ(updater->Wait(1s), -1) << "the update did not wait for the reader";
-  EXPECT_EQ(ReadFile(marks), "4 db1\n");
-  EXPECT_EQ(ReadFile(Prefix("db1") + "/readme.txt"), "db1 release 0\n");
-
-  reader.Send('R');
-  EXPECT_EQ(reader.Wait(), 0);
-  EXPECT_EQ(updater->Wait(), 0);
-  EXPECT_EQ(ReadFile(marks), "4 db1\n5 db1\n");
-  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
-}
-
 // Real tmpfs volumes at /volume1 (4 MiB), /volume2 and /volume3 (16 MiB each)
 // with db1 reserving 8 MiB: the small volume is passed over, the databases
 // follow the volume that leaves, updates stop when no volume can take them,
 // and a volume of exactly the reserved size is adopted when it is mounted.
 TEST_F(ServiceProcessTest, RealVolumesAreChosenByReservedSpaceAndTheDatabasesMoveWithThem) {
-  if (geteuid() != 0)
-    GTEST_SKIP() << "mounting tmpfs volumes needs root (euid " << geteuid() << ")";
   HostMountPoints points({"/volume1", "/volume2", "/volume3"});
   if (!points.error().empty())
     GTEST_SKIP() << "cannot create the mount points: " << points.error();
   WriteDefaultConfig(sandbox, repo, "", {{"db1", "%VOLUME%", "1", true, 8u << 20}});
   Release("db1", 0);
   ASSERT_EQ(repo.Publish(), 0);
-  const std::string findings_path = sandbox / "findings";
   const std::string source = repo.SourceDir("db1", kFirst);
   const std::string databases_local = sandbox.Path("/usr/vesk/etc/data_update/databases.conf");
 
-  ForkedChild child([&](const ForkedChild::Channel&) {
-    const Findings findings(findings_path);
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
-      findings.Expect(false, std::string("private mount namespace: ") + std::strerror(errno));
-      return kSkip;
-    }
+  InMountNamespace([&](const Findings& findings) {
     unsetenv("VESK_VOLUMES");  // the mount table decides
     for (const auto& [where, size] : {std::pair{"/volume1", "size=4m"}, {"/volume2", "size=16m"}}) {
       if (mount("tmpfs", where, "tmpfs", 0, size) != 0) {
         findings.Expect(false, std::string("mount ") + where + ": " + std::strerror(errno));
-        return 1;
+        return;
       }
     }
     const auto main_dir = [](const std::string& on) { return on + "/@database/autoupdate"; };
@@ -232,16 +175,7 @@ TEST_F(ServiceProcessTest, RealVolumesAreChosenByReservedSpaceAndTheDatabasesMov
     // The status still names the installed version; the repair brings the files.
     service.update.FixProject("db1");
     findings.Equal(CompareTrees(main_dir("/volume1") + "/db1", source), "", "repaired tree");
-    return 0;
   });
-  const int status = child.Wait(120s);
-  const std::string findings = Exists(findings_path) ? ReadFile(findings_path) : "";
-  if (status == kSkip)
-    GTEST_SKIP() << findings;
-  std::istringstream lines(findings);
-  for (std::string line; std::getline(lines, line);)
-    ADD_FAILURE() << line;
-  EXPECT_EQ(status, 0) << "100: the child threw";
   for (const char* point : {"/volume1", "/volume2", "/volume3"})
     EXPECT_TRUE(fs::is_empty(point)) << point << " is not empty on the host";
 }

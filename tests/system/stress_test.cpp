@@ -1,12 +1,8 @@
-// Eight processes on three databases at once, for VESKDBUD_STRESS_SECONDS
-// (120 by default): two updaters (one database at a time, and all of them,
-// now and then making the cached document stale), a forced installer of older
-// releases, a repairer (which drops a status file under the update locks, so
-// that the repair reinstalls), a checker probing whether updates run, and
-// three outside readers that take a database's read lock and read every file.
-// Each reader must find the whole set of files, all of one published release,
-// and every status file it reads must be whole. No process may hang, and at
-// the end one update brings every database to the last release.
+// Eight processes on three databases for VESKDBUD_STRESS_SECONDS (120 by
+// default): updaters, a forced installer, a repairer, a checker and three
+// readers under the read lock, who must always see whole releases and whole
+// status files. No process may hang; one update afterwards brings the last
+// release.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <unistd.h>
@@ -77,14 +73,7 @@ class StressTest : public ServiceTest {
       for (int n = 0; n < kReleases; ++n) {
         const int version = kFirst + n;
         const std::string head = id + " release " + std::to_string(n) + "\n";
-        std::string table(32 << 10, '\0');
-        unsigned long long x = 88172645463325252ull + id.back();
-        for (char& c : table) {
-          x ^= x << 13;
-          x ^= x >> 7;
-          x ^= x << 17;
-          c = static_cast<char>(x);
-        }
+        std::string table = Pseudorandom(32 << 10, static_cast<unsigned>(id.back()));
         table[100 + n] = 'x';
         list += "entry " + std::to_string(n) + "\n";
         repo.SetFile(id, version, "readme.txt", head);

@@ -13,15 +13,6 @@ namespace {
 
 const std::string kTool = VESKDBUD_VCDIFF_BIN;
 
-std::string Pseudorandom(size_t size, unsigned seed) {
-  std::string s(size, '\0');
-  for (size_t i = 0; i < size; ++i) {
-    seed = seed * 1103515245u + 12345u;
-    s[i] = static_cast<char>(seed >> 16);
-  }
-  return s;
-}
-
 }  // namespace
 
 class VcdiffToolTest : public ::testing::Test {
