@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -118,6 +119,12 @@ class Findings {
 
  private:
   std::string path_;
+};
+
+// Thrown by a body of InMountNamespace when the machine lacks what it needs
+// (a loop device, a file system driver): the test is skipped with the reason.
+struct MachineLacks : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
 
 // Runs `body` in a forked child inside a private mount namespace, so that
