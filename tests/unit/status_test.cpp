@@ -1,15 +1,33 @@
-// CalculateStatus and CheckStatus over real files: digests, missing files,
-// exact comparison, and the first failure alone being logged.
-#include "dataupdate/updater.h"
+// The installed files' status: CalculateStatus and CheckStatus over real files
+// (digests, missing files, exact comparison, the first failure alone logged),
+// and the quick reading of a status file's installed version, which gives what
+// the full reading (JSON reader + DatabaseStatus::FromJson) gives, or declines;
+// it never disagrees, whatever the bytes.
+#include "status_scan.h"
 
+#include <fcntl.h>
+#include <json/reader.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
+#include <chrono>
 #include <functional>
+#include <memory>
+#include <optional>
+#include <random>
 #include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
 
+#include "dataupdate/config.h"
 #include "dataupdate/io_utils.h"
+#include "dataupdate/records.h"
+#include "dataupdate/update.h"
+#include "dataupdate/updater.h"
+#include "forked_child.h"
 #include "test_support.h"
+#include "unique_fd.h"
 
 using namespace vesk::dataupdate;
 using namespace vesk::test;
@@ -33,6 +51,68 @@ class StatusTest : public ::testing::Test {
 
   TempDir root;
   LogCapture log;
+};
+
+// The full reading: the version, or nullopt when it fails in any way.
+std::optional<int> FullReading(const std::string& text) {
+  try {
+    Json::Value root;
+    if (!Json::Reader().parse(text, root, true))
+      return std::nullopt;
+    return DatabaseStatus::FromJson(root).data_version;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<int> Quick(const std::string& text) {
+  return ScanStatusVersion(text.data(), text.size());
+}
+
+DatabaseStatus Recorded(int version, int files) {
+  DatabaseStatus status;
+  status.data_version = version;
+  status.last_fetch_time = 1750000000;
+  for (int i = 0; i < files; ++i) {
+    const std::string digest(96, "0123456789abcdef"[i % 16]);
+    status.file_statuses["dir/file" + std::to_string(i) + ".db"] = FileStatus{digest};
+  }
+  return status;
+}
+
+// The status file as IOUtils::WriteJson writes it.
+std::string Written(const DatabaseStatus& status) {
+  TempDir dir;
+  IOUtils().WriteJson(dir / "version.json", DatabaseStatus::ToJson(status));
+  return ReadFile(dir / "version.json");
+}
+
+// One byte at `at` replaced, removed or a byte inserted there, drawn from the
+// characters that shape JSON and the digits and names a status file holds.
+void Damage(std::string& text, size_t at, std::mt19937& random) {
+  static const std::string alphabet = "{}[]:,\"\\ \t\n/-+.eE0123456789abx";
+  const char c = alphabet[random() % alphabet.size()];
+  switch (random() % 3) {
+    case 0:
+      text[at] = c;
+      break;
+    case 1:
+      text.erase(at, 1);
+      break;
+    default:
+      text.insert(at, 1, c);
+  }
+}
+
+// The installed-version reading of the status file in a sandbox root.
+class InfoGetterTest : public ::testing::Test {
+ protected:
+  Sandbox sandbox;
+  std::shared_ptr<IOUtils> io = std::make_shared<IOUtils>();
+  std::shared_ptr<ServiceConfig> config =
+      std::make_shared<ServiceConfig>(std::make_shared<Config>(io));
+  const InfoGetter info{io, config};
+  const std::string path = sandbox.Path("/var/lib/data_update/db/version.json");
 };
 
 }  // namespace
@@ -95,4 +175,146 @@ TEST_F(StatusTest, CheckFailsOnTheFirstBadFileInNameOrderAndLogsOnlyIt) {
     EXPECT_EQ(log.Lines(), c.lines) << c.what;
   }
   EXPECT_TRUE(CheckStatus({}, "/nonexistent"));
+}
+
+TEST(StatusScan, WhatTheLibraryWritesIsReadQuickly) {
+  for (int files : {0, 1, 3, 500}) {
+    for (int version : {0, 7, 20250601, 999999999}) {
+      const std::string text = Written(Recorded(version, files));
+      EXPECT_EQ(Quick(text), std::optional<int>(version)) << files << " files:\n" << text;
+      EXPECT_EQ(FullReading(text), std::optional<int>(version));
+    }
+  }
+}
+
+TEST(StatusScan, OtherFormsOfTheSameDocumentAgreeOrDecline) {
+  const std::vector<std::string> agree = {
+      R"({"data_version":"12","last_fetch_time":5})",
+      R"( {"data_version" : "12", "file_statuses" : {"a" : {"sha384_digest" : "x"}},
+           "last_fetch_time" : -5, "more" : {"deep" : {"x" : 1}}} )",
+      R"({"data_version":"012","file_statuses":{},"last_fetch_time":2147483647})",
+      R"({"data_version":"-1","file_statuses":{"a":{"sha384_digest":"d","size":3}},"last_fetch_time":0})",
+  };
+  for (const std::string& text : agree) {
+    ASSERT_TRUE(FullReading(text)) << text;
+    EXPECT_EQ(Quick(text), FullReading(text)) << text;
+  }
+  const std::vector<std::string> decline = {
+      "",
+      "[]",
+      R"({"data_version":"12"})",                                          // no time stamp
+      R"({"last_fetch_time":5})",                                          // no version
+      R"({"data_version":12,"last_fetch_time":5})",                        // a number
+      R"({"data_version":"12x","last_fetch_time":5})",                     // not digits
+      R"({"data_version":"1234567890","last_fetch_time":5})",              // beyond 9 digits
+      R"({"data_version":"12","last_fetch_time":2147483648})",             // beyond 32 bits
+      R"({"data_version":"12","last_fetch_time":5.0})",                    // not an integer token
+      R"({"data_version":"12","last_fetch_time":5,"data_version":"13"})",  // repeated
+      R"({"last_fetch_time":5,"data_version":"12"})",                      // not ascending
+      R"({"data_version":"1\u0032","last_fetch_time":5})",                 // an escape
+      R"({"data_version":"12","last_fetch_time":5} trailing)",
+      R"({"data_version":"12",/* note */"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":{"a":{}},"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":{"a":"d"},"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":[],"last_fetch_time":5})",
+      R"({"data_version":"12","file_statuses":{"a":{"sha384_digest":1}},"last_fetch_time":5})",
+      R"({"data_version":"12","last_fetch_time":5,"x":true})",
+      R"({"data_version":"12","last_fetch_time":5,"x":null})",
+      R"({"data_version":"12","last_fetch_time":5,)",
+      R"({"data_version":"12","last_fetch_time":5,})",
+  };
+  for (const std::string& text : decline)
+    EXPECT_EQ(Quick(text), std::nullopt) << text;
+}
+
+// Bytes changed, removed or added anywhere in a written status file: whenever
+// the quick reading accepts the result, the full reading gives the same.
+TEST(StatusScan, DamagedFilesNeverReadDifferently) {
+  const std::string original = Written(Recorded(20250601, 3));
+  std::mt19937 random(20250601);
+  int accepted = 0;
+  for (int round = 0; round < 20000; ++round) {
+    std::string text = original;
+    for (int edit = 0, edits = 1 + static_cast<int>(random() % 3); edit < edits; ++edit)
+      Damage(text, random() % text.size(), random);
+    const std::optional<int> quick = Quick(text);
+    if (!quick)
+      continue;
+    ++accepted;
+    ASSERT_EQ(quick, FullReading(text)) << text;
+  }
+  EXPECT_GT(accepted, 100) << "harmless edits (spaces, digits of the digests) are still read";
+}
+
+// A file larger than the reading window, read through it: the written layout
+// is read, and no damage makes it read otherwise than the whole-text scan.
+TEST(StatusScan, TheWindowedReadingAgreesWithTheWholeText) {
+  TempDir dir;
+  const std::string path = dir / "version.json";
+  const auto windowed = [&path](const std::string& text) {
+    WriteFile(path, text);
+    vesk::dataupdate::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return ScanWrittenStatus(fd.get());
+  };
+  const std::string original = Written(Recorded(20250601, 2000));  // about 300 KB
+  ASSERT_GT(original.size(), 4u * 64 * 1024);
+  EXPECT_EQ(windowed(original), std::optional<int>(20250601));
+  EXPECT_EQ(windowed(Written(Recorded(5, 1))), std::optional<int>(5));
+  EXPECT_EQ(windowed(Written(Recorded(5, 0))), std::nullopt) << "no files: another layout";
+
+  std::mt19937 random(7);
+  int read = 0;
+  for (int round = 0; round < 300; ++round) {
+    std::string text = original;
+    // Edits near the start, the window's edges and the end, where the layout
+    // has its fixed parts, as well as anywhere.
+    const size_t places[] = {random() % 120, 64 * 1024 - 60 + random() % 120,
+                             text.size() - 1 - random() % 120, random() % text.size()};
+    const size_t at = places[random() % 4];
+    Damage(text, at, random);
+    const std::optional<int> version = windowed(text);
+    if (!version)
+      continue;
+    ++read;
+    ASSERT_EQ(version, Quick(text)) << "edit at " << at;
+    ASSERT_EQ(version, FullReading(text)) << "edit at " << at;
+  }
+  EXPECT_GT(read, 10);
+}
+
+TEST_F(InfoGetterTest, ReadsQuicklyOnlyWhatItWroteItself) {
+  LogCapture log;
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt) << "no status file";
+  info.SetDatabaseStatus("db", Recorded(20250601, 2));
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+  EXPECT_EQ(info.GetDatabaseStatus("db").data_version, 20250601);
+
+  WriteFile(path, R"({"data_version":"5","last_fetch_time":1,"data_version":"6"})");
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt) << "left to the full reading";
+  EXPECT_TRUE(log.Lines().empty()) << "the quick reading logs nothing";
+
+  // A substitute IOUtils may read its status from elsewhere: it is asked, as ever.
+  struct Substitute : IOUtils {};
+  const InfoGetter substituted(std::make_shared<Substitute>(), config);
+  info.SetDatabaseStatus("db", Recorded(20250602, 2));
+  EXPECT_EQ(substituted.QuickInstalledVersion("db"), std::nullopt);
+  EXPECT_EQ(substituted.GetDatabaseStatus("db").data_version, 20250602);
+}
+
+// The version of a settled status file is kept between two readings in one
+// process, and never outlives a change of the file, even one of the same size.
+TEST_F(InfoGetterTest, AKeptVersionGivesWayToAnyChange) {
+  info.SetDatabaseStatus("db", Recorded(20250601, 3));
+  // Settled only once its change time, which no test can set back, is old enough.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+
+  std::string text = ReadFile(path);
+  text.replace(text.find("20250601"), 8, "20250602");
+  WriteFile(path, text);  // in place, same size
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250602));
+  WriteFile(path, "{}");
+  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt);
+  EXPECT_EQ(info.GetDatabaseStatus("db").data_version, -1);
 }
