@@ -1,3 +1,5 @@
+// The plug-in SDK over real shell-script plug-ins in a VESKDBUD_ROOT sandbox,
+// and the update's hook that drives it.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,10 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "dataupdate/hook.h"
 #include "test_support.h"
 #include "vlib/plugin_sdk.h"
 #include "vlib/vlibc.h"
 
+using vesk::dataupdate::UpdateHook;
 using namespace vesk::test;
 
 namespace {
@@ -37,7 +41,7 @@ class PluginSandbox : public ::testing::Test {
  protected:
   static constexpr const char* kPath = "test_module/some_event";
 
-  std::string PluginDir() const { return root_ / ("usr/vesk/lib/plugins/" + std::string(kPath)); }
+  std::string PluginDir() const { return root_ / ("usr/vesk/lib/plugins/" + plugin_path_); }
   std::string RecordFile() const { return root_ / "record.txt"; }
 
   // A shell-script plug-in named `name` running `body`; $RECORD is the record file.
@@ -60,8 +64,22 @@ class PluginSandbox : public ::testing::Test {
 
   std::vector<std::string> Record() const { return LinesOf(RecordFile()); }
 
+  std::string plugin_path_ = kPath;
   TempDir root_;
   ScopedEnv env_{"VESKDBUD_ROOT", root_.path().c_str()};
+};
+
+// The hook's plug-ins; each records
+// "<action>|<DATABASE>|<CHANGED_FILES>|<DELIMITER>|<CHANGED_FILES set?>".
+class HookSandbox : public PluginSandbox {
+ protected:
+  HookSandbox() { plugin_path_ = "database_autoupdate/version_change"; }
+  void WriteNotifier(const std::string& name) {
+    WritePlugin(name,
+                "printf '%s|%s|%s|%s|%s\\n' \"$1\" \"$DATABASE\" \"$CHANGED_FILES\" "
+                "\"$DELIMITER\" \"${CHANGED_FILES+set}\" >> \"$RECORD\"");
+  }
+  LogCapture log_;
 };
 
 TEST_F(PluginSandbox, RunsEveryExecutableInByteOrderWithTheActionAsOnlyArgument) {
@@ -100,22 +118,17 @@ TEST_F(PluginSandbox, NamedArgumentsAreAddedToTheInheritedEnvironmentAndStdinIsE
 
 TEST_F(PluginSandbox, AFailingPluginDoesNotStopTheOthersButFailsTheAction) {
   WriteRecorder("1-first");
-  WritePlugin("2-fails", "echo 2-fails >> \"$RECORD\"; exit 3");
+  WritePlugin("2-fails", "echo 2-fails >> \"$RECORD\"; [ \"$1\" = 5 ] || exit 3");
   WritePlugin("3-killed", "echo 3-killed >> \"$RECORD\"; kill -9 $$");
   WriteRecorder("4-last");
   VLIBPluginHandle handle = Init();
-  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_POST_UPDATE, handle), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x103);  // the first failure is the one reported
-  EXPECT_EQ(Record(),
-            (std::vector<std::string>{"1-first 1 5", "2-fails", "3-killed", "4-last 1 5"}));
-  VLIBPluginExit(handle);
-}
-
-TEST_F(PluginSandbox, AKilledPluginReportsItsSignal) {
-  WritePlugin("killed", "kill -9 $$");
-  VLIBPluginHandle handle = Init();
   EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
+  EXPECT_EQ(VLIBCErrGet(), 0x103);
+  EXPECT_NE(VLIBPluginAction(VLIB_PLUGIN_ACTION_POST_UPDATE, handle), 0);
   EXPECT_EQ(VLIBCErrGet(), 0x209);
+  EXPECT_EQ(Record(),
+            (std::vector<std::string>{"1-first 1 4", "2-fails", "3-killed", "4-last 1 4",
+                                      "1-first 1 5", "2-fails", "3-killed", "4-last 1 5"}));
   VLIBPluginExit(handle);
 }
 
@@ -134,15 +147,11 @@ TEST_F(PluginSandbox, OnlyExecutablesFoundAtInitRun) {
   VLIBPluginExit(handle);
 }
 
-TEST_F(PluginSandbox, AMissingDirectoryMeansNoPluginsButAFileInItsPlaceFailsInit) {
-  ASSERT_FALSE(Exists(PluginDir()));
-  VLIBPluginHandle handle = Init();
-  EXPECT_EQ(VLIBPluginSetArg(handle, "DATABASE", "db1"), 0);
-  EXPECT_EQ(VLIBPluginAction(VLIB_PLUGIN_ACTION_PRE_UPDATE, handle), 0);
-  EXPECT_EQ(VLIBPluginExit(handle), 0);
-
+// A missing directory is no plug-ins at all, as the hook without plug-ins shows;
+// a file in its place is an error.
+TEST_F(PluginSandbox, AFileInPlaceOfTheDirectoryFailsInit) {
   WriteFile(root_ / "usr/vesk/lib/plugins/test_module", "not a directory");
-  handle = 0;
+  VLIBPluginHandle handle = 0;
   EXPECT_NE(VLIBPluginSDKInit("test_module", kPath, &handle), 0);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
   EXPECT_EQ(handle, 0u);
@@ -255,6 +264,65 @@ TEST_F(PluginSandbox, APluginOverItsTimeLimitIsKilledWithItsHelpers) {
   EXPECT_TRUE(gone) << "helper " << helper << " still runs";
   if (!gone)
     kill(helper, SIGKILL);
+}
+
+TEST_F(HookSandbox, InitFailureIsLoggedOnceThenEachArgumentAndActionIsRefused) {
+  // A file where the module's plug-in directory should be: the SDK cannot read it.
+  WriteFile(root_ / "usr/vesk/lib/plugins/database_autoupdate", "not a directory");
+  UpdateHook hook("db1", {"a.db"});
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<std::string>{
+                "err: hook.cpp:32 Failed to init hook in module [database_autoupdate] and path "
+                "[database_autoupdate/version_change]",
+                "err: hook.cpp:84 Not init or init failed",
+                "err: hook.cpp:84 Not init or init failed",
+                "err: hook.cpp:84 Not init or init failed",
+            }));
+  log_.Clear();
+  EXPECT_FALSE(hook.ExecPre());
+  EXPECT_FALSE(hook.ExecPost());
+  // Line 103 (not 107): neither action reached the SDK.
+  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{
+                              "err: hook.cpp:103 Not init or init failed",
+                              "err: hook.cpp:103 Not init or init failed",
+                          }));
+}
+
+TEST_F(HookSandbox, WithoutPluginsBothActionsSucceedAndOnlyARefusedArgumentIsLogged) {
+  UpdateHook hook("db1", {"a.db"});
+  EXPECT_FALSE(hook.SetEnv("BAD=KEY", "v1"));
+  EXPECT_TRUE(hook.SetEnv("EXTRA", "v2"));
+  EXPECT_TRUE(hook.ExecPre());
+  EXPECT_TRUE(hook.ExecPost());
+  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{
+                              "err: hook.cpp:89 Failed to set plugin argument key=BAD=KEY value=v1",
+                          }));
+}
+
+// The plug-in sees the action, the database, the changed files sorted and
+// joined (an empty value when there are none) and their delimiter. Copies share
+// one SDK handle and its arguments; the first copy gone releases it for all.
+TEST_F(HookSandbox, PassesActionAndArgumentsAndCopiesShareTheHandle) {
+  WriteNotifier("notify");
+  UpdateHook original("db1", {"b.db", "a.db"});
+  UpdateHook& same = original;
+  original = same;
+  EXPECT_TRUE(original.ExecPre());
+  {
+    UpdateHook copy(original);
+    EXPECT_TRUE(copy.ExecPost());  // the original's arguments: no new initialisation
+    UpdateHook assigned("db9", {"z.db"});
+    assigned = original;
+    EXPECT_TRUE(assigned.ExecPre());
+    UpdateHook none("db2", {});
+    EXPECT_TRUE(none.ExecPre());
+  }  // the copies release the shared handle (twice; the second release is refused)
+  EXPECT_EQ(Record(), (std::vector<std::string>{"4|db1|a.db:b.db|:|set", "5|db1|a.db:b.db|:|set",
+                                                "4|db1|a.db:b.db|:|set", "4|db2||:|set"}));
+  // Released through a copy: the original's action is refused by the SDK, logged, not a crash.
+  EXPECT_FALSE(original.ExecPre());
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<std::string>{"err: hook.cpp:107 Failed to exec hook at action [4]"}));
 }
 
 }  // namespace
