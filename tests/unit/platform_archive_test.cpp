@@ -1,6 +1,8 @@
 // veskarchive_*: signed packages opened and extracted through the platform
 // functions, with packages crafted by libarchive's writer and signed with the
-// publisher's signing code. Every refusal leaves the target empty.
+// publisher's signing code. Every refusal leaves the target empty. The
+// envelope's bytes are pinned by the package built by hand from the documented
+// layout (package_envelope_test); here also the decodings no small package reaches.
 #include "vesk/archive.h"
 
 #include <fcntl.h>
@@ -8,6 +10,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <boost/filesystem.hpp>
 #include <set>
@@ -16,6 +19,7 @@
 #include "signing.h"
 #include "test_support.h"
 #include "vesk_internal/envelope.h"
+#include "vesk_internal/ossl_ptr.h"
 #include "vesk_internal/unique_fd.h"
 
 using namespace vesk::test;
@@ -110,13 +114,11 @@ TEST_F(ArchiveTest, ExtractsFilesDirectoriesLinksAndAnyNameInsideTheTarget) {
 }
 
 TEST_F(ArchiveTest, ReadsPlainGzipXzAndZstdTarballs) {
-  const std::vector<std::pair<Compression, std::string>> kinds{{Compression::kNone, "plain"},
-                                                               {Compression::kGzip, "gzip"},
-                                                               {Compression::kXz, "xz"},
-                                                               {Compression::kZstd, "zstd"}};
+  const std::pair<Compression, std::string> kinds[] = {{Compression::kNone, "plain"},
+                                                       {Compression::kGzip, "gzip"},
+                                                       {Compression::kXz, "xz"},
+                                                       {Compression::kZstd, "zstd"}};
   for (const auto& [compression, name] : kinds) {
-    boost::filesystem::remove_all(target);
-    boost::filesystem::create_directories(target);
     const std::string content = "payload of " + name + "\n" + std::string(5000, 'x');
     const std::string pkg = Package({FileEntry("dir/" + name, content)}, name, compression);
     ASSERT_EQ(ExtractError(pkg), VESKARCHIVE_OK) << name << ": " << last_detail;
@@ -308,13 +310,11 @@ TEST_F(ArchiveTest, ExistingLinksInTheTargetAreNeverWrittenThrough) {
   EXPECT_EQ(ReadFile(target + "/lib/x"), "inside");
   EXPECT_EQ(ReadLink(target + "/f"), "");
   EXPECT_EQ(ReadFile(target + "/f"), "new");
-}
-
-TEST_F(ArchiveTest, LinkTargetThroughAnExistingLinkIsRefused) {
+  // Nor is a link of the archive resolved through one.
   ASSERT_EQ(symlink("/", (target + "/rootlink").c_str()), 0);
-  EXPECT_EQ(ExtractError(Package({SymlinkEntry("esc", "rootlink/etc")})),
+  EXPECT_EQ(ExtractError(Package({SymlinkEntry("esc", "rootlink/etc")}, "esc")),
             VESKARCHIVE_E_LINK_OUTSIDE);
-  EXPECT_EQ(ListTree(target), std::vector<std::string>{"rootlink"});
+  EXPECT_FALSE(Exists(target + "/esc"));
 }
 
 TEST_F(ArchiveTest, OverwriteFlagDecidesWhetherExistingFilesAreReplaced) {
@@ -417,4 +417,31 @@ TEST_F(ArchiveTest, EveryErrorCodeHasItsOwnText) {
     texts.insert(veskarchive_strerror(code));
   EXPECT_EQ(texts.size(), static_cast<size_t>(VESKARCHIVE_E_INTERNAL + 1));
   EXPECT_EQ(texts.count(veskarchive_strerror(VESKARCHIVE_E_INTERNAL + 1)), 0u);
+}
+
+TEST(Envelope, LengthsUseAllEightBytesAndFieldsDecodeAsEncoded) {
+  const envelope::Header h = envelope::EncodeHeader(0x0102030405060708ULL);
+  EXPECT_EQ(envelope::HeaderArchiveLength(h), 0x0102030405060708ULL);
+  EXPECT_EQ(h[8], 0x01);
+  EXPECT_EQ(h[15], 0x08);
+
+  envelope::TrailerFields f;
+  f.signature.fill(0xaa);
+  f.key_id.fill(0xbb);
+  f.key_type = 0x01020304;
+  f.archive_length = 0x1122334455667788ULL;
+  envelope::TrailerFields back;
+  ASSERT_TRUE(envelope::DecodeTrailer(envelope::EncodeTrailer(f), &back));
+  EXPECT_EQ(back.signature, f.signature);
+  EXPECT_EQ(back.key_id, f.key_id);
+  EXPECT_EQ(back.key_type, 0x01020304u);
+  EXPECT_EQ(back.version, 1u);
+  EXPECT_EQ(back.archive_length, 0x1122334455667788ULL);
+}
+
+TEST(Envelope, OnlyEd25519KeysHaveAKeyId) {
+  vesk::EvpPkeyPtr rsa(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{1024}));
+  ASSERT_TRUE(rsa);
+  envelope::KeyId id;
+  EXPECT_FALSE(envelope::ComputeKeyId(rsa.get(), &id));
 }
