@@ -1,21 +1,31 @@
-// How the publisher carries one changed file: SQLite statements, a VCDIFF delta
-// or the whole file. The usual choices (statements for a changed database, a
-// delta for a changed flat file) are pinned by the published round trip; these
-// are the edge cases it does not reach.
-#include "file_delta.h"
+// The publisher's parts: how it carries one changed file (SQLite statements, a
+// VCDIFF delta or the whole file), the archive inside every package and the
+// source tree it reads. The usual choices are pinned by the published round
+// trip (publish_roundtrip_test); these are the edge cases it does not reach.
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
 
+#include "file_delta.h"
 #include "file_io.h"
 #include "package_craft.h"
+#include "publish_error.h"
+#include "source_tree.h"
 #include "sqlite_diff.h"
+#include "tar_writer.h"
 #include "test_support.h"
+#include "vesk_internal/archive_ptr.h"
 
 using namespace vesk::test;
 using vesk::publish::DiffFile;
+using vesk::publish::FileMember;
 using vesk::publish::MakeSqliteDiff;
+using vesk::publish::PublishError;
+using vesk::publish::ScanSource;
+using vesk::publish::TextMember;
+using vesk::publish::WriteTar;
 
 namespace {
 
@@ -144,4 +154,91 @@ TEST_F(FileDeltaTest, CreatedDeletedUnchangedAndSmallRewrittenFiles) {
   WriteFile(dir / "b", "different");
   EXPECT_EQ(diff("x", dir / "a", dir / "b"),
             "create|create/x|" + dir / "b" + "|delta not smaller than the file");
+}
+
+TEST(TarWriter, SameMembersAndTimeGiveTheSameBytes) {
+  TempDir dir;
+  WriteFile(dir / "data", std::string(100000, 'd'));
+  const std::string long_name = std::string(150, 'n') + "/file";  // needs a pax header
+  const std::vector<vesk::publish::TarMember> members{TextMember("index.json", "{}\n"),
+                                                      FileMember(long_name, dir / "data")};
+  WriteTar(dir / "one.tar.zst", members, 1700000000);
+  SetAge(dir / "data", 1000);  // the source file's own time does not matter
+  WriteTar(dir / "two.tar.zst", members, 1700000000);
+  WriteTar(dir / "three.tar.zst", members, 1700000001);
+  EXPECT_EQ(ReadFile(dir / "one.tar.zst"), ReadFile(dir / "two.tar.zst"));
+  EXPECT_NE(ReadFile(dir / "one.tar.zst"), ReadFile(dir / "three.tar.zst"));
+}
+
+TEST(TarWriter, MembersKeepTheirOrderWithFixedOwnerTimeAndModes) {
+  TempDir dir;
+  WriteFile(dir / "tool", "#!/bin/sh\n");
+  ASSERT_EQ(chmod((dir / "tool").c_str(), 0700), 0);
+  WriteFile(dir / "plain", "text");
+  WriteTar(dir / "a.tar.zst",
+           {TextMember("z.json", "{}"), FileMember("bin/tool", dir / "tool"),
+            FileMember("a/plain", dir / "plain")},
+           1234567);
+
+  vesk::ArchiveReadPtr reader(archive_read_new());
+  archive_read_support_format_tar(reader.get());
+  archive_read_support_filter_zstd(reader.get());
+  ASSERT_EQ(archive_read_open_filename(reader.get(), (dir / "a.tar.zst").c_str(), 4096),
+            ARCHIVE_OK);
+  std::vector<std::string> names;
+  archive_entry* e = nullptr;
+  while (archive_read_next_header(reader.get(), &e) == ARCHIVE_OK) {
+    names.push_back(archive_entry_pathname(e));
+    EXPECT_EQ(archive_entry_uid(e), 0);
+    EXPECT_EQ(archive_entry_gid(e), 0);
+    const char* owner = archive_entry_uname(e);
+    EXPECT_EQ(std::string(owner != nullptr ? owner : ""), "");
+    EXPECT_EQ(archive_entry_mtime(e), 1234567);
+    EXPECT_EQ(archive_entry_perm(e), names.back() == "bin/tool" ? 0755 : 0644) << names.back();
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"z.json", "bin/tool", "a/plain"}));
+}
+
+TEST(SourceTree, ReadsDatabasesVersionsAndNestedFiles) {
+  TempDir src;
+  WriteFile(src / "geo/1/geo.db", "a");
+  WriteFile(src / "geo/10/geo.db", "b");
+  WriteFile(src / "geo/2/sub/deep/x", "c");
+  WriteFile(src / "docs/0/a.txt", "d");
+  WriteFile(src / ".hidden-note", "ignored");
+  SetAge(src / "geo/2/sub/deep/x", 50);
+  SetAge(src / "geo/1/geo.db", 100);
+
+  const auto dbs = ScanSource(src.path());
+  ASSERT_EQ(dbs.size(), 2u);
+  EXPECT_EQ(dbs[0].id, "docs");
+  EXPECT_EQ(dbs[1].id, "geo");
+  std::vector<int> versions;
+  for (const auto& v : dbs[1].versions)
+    versions.push_back(v.first);
+  EXPECT_EQ(versions, (std::vector<int>{1, 2, 10}));
+  const auto& v2 = dbs[1].versions.at(2);
+  ASSERT_EQ(v2.files.size(), 1u);
+  EXPECT_EQ(v2.files.begin()->first, "sub/deep/x");
+  EXPECT_EQ(v2.files.begin()->second, src / "geo/2/sub/deep/x");
+  EXPECT_EQ(v2.newest_mtime + 50 - dbs[1].versions.at(1).newest_mtime, 100);
+}
+
+TEST(SourceTree, RefusesWhatCannotBePublished) {
+  for (const char* bad : {"geo/1/link", "geo/01/f", "geo/latest/f", "geo db/1/f", "readme"}) {
+    TempDir src;
+    WriteFile(src / "geo/1/ok", "x");
+    if (std::string(bad) == "geo/1/link")
+      ASSERT_EQ(symlink("ok", (src / bad).c_str()), 0);
+    else
+      WriteFile(src / bad, "x");
+    EXPECT_THROW(ScanSource(src.path()), PublishError) << bad;
+  }
+  EXPECT_THROW(ScanSource("/nonexistent/source"), PublishError);
+}
+
+TEST(SourceTree, DatabaseIdsAreSafeInPathsAndUrls) {
+  EXPECT_TRUE(vesk::publish::IsValidDatabaseId("geo-ip_v4.db"));
+  for (const char* bad : {"", "..", ".hidden", "a/b", "a?b"})
+    EXPECT_FALSE(vesk::publish::IsValidDatabaseId(bad)) << bad;
 }
