@@ -37,19 +37,12 @@ TEST(Records, EveryWrongShapeFailsWithTheRecordsMessage) {
     const char* message;
   };
   const Case cases[] = {
-      {"RemoteInfo",
-       R"({"data_version": 5, "last_fetch_time": 1, "deprecated": false, "download_link": ""})",
-       "RemoteInfo"},
-      {"RemoteInfo",
-       R"({"data_version": "5", "last_fetch_time": "1", "deprecated": false, "download_link": ""})",
-       "RemoteInfo"},
       {"RemoteInfo", R"({"data_version": "5", "last_fetch_time": 1, "download_link": ""})",
        "RemoteInfo"},
       {"RemoteInfo", "null", "RemoteInfo"},
       {"DiffInfo", R"({"download_link": "u", "file_size": "10"})", "DiffInfo"},
       {"DiffInfo", R"({"file_size": 10})", "DiffInfo"},
       {"DiffInfos", R"({"3": {"download_link": 1}})", "DiffInfo"},
-      {"DiffInfos", R"({"3": "x"})", "DiffInfo"},
       {"DiffInfos", R"({"3": [1]})", "DiffInfo"},
       {"FileStatuses", "null", "FileStatuses"},
       {"FileStatuses", R"({"a": {"digest": "x"}})", "FileStatus"},
@@ -139,24 +132,22 @@ TEST(DatabaseStatus, FileStatusesAreReadAsTheyStandAndMissingOnesAsNone) {
 }
 
 TEST(DatabaseStatus, RoundTripIncludingNegativeVersionsAndNoFiles) {
-  DatabaseStatus empty{-1, 0, {}};
-  Json::Value json = DatabaseStatus::ToJson(empty);
+  const DatabaseStatus empty{-1, 0, {}};
+  const Json::Value json = DatabaseStatus::ToJson(empty);
   EXPECT_EQ(json["file_statuses"], Json::Value(Json::objectValue));
   EXPECT_EQ(json["data_version"], Json::Value("-1"));
-  EXPECT_EQ(DatabaseStatus::FromJson(json), empty);
-
-  DatabaseStatus full{12, 1700000000, {{"/a.db", {"aa"}}, {"/dir/b", {"bb"}}}};
-  EXPECT_EQ(DatabaseStatus::FromJson(DatabaseStatus::ToJson(full)), full);
+  for (const DatabaseStatus& status :
+       {empty, DatabaseStatus{12, 1700000000, {{"/a.db", {"aa"}}, {"/dir/b", {"bb"}}}}})
+    EXPECT_EQ(DatabaseStatus::FromJson(DatabaseStatus::ToJson(status)), status);
 }
 
+// The update compares the recorded status with the one it computes: every
+// field counts, and digests are compared byte for byte.
 TEST(DatabaseStatus, EqualityComparesEveryFieldAndEveryDigestExactly) {
   const DatabaseStatus a{1, 2, {{"f", {"ab"}}}};
   EXPECT_FALSE(a != DatabaseStatus(a));
   for (const DatabaseStatus& b :
        {DatabaseStatus{1, 2, {{"f", {"AB"}}}}, DatabaseStatus{1, 2, {{"f", {"ab"}}, {"g", {"ab"}}}},
-        DatabaseStatus{1, 3, {{"f", {"ab"}}}}, DatabaseStatus{0, 2, {{"f", {"ab"}}}}}) {
-    EXPECT_TRUE(a != b);
-    EXPECT_FALSE(a == b);
-  }
-  EXPECT_TRUE(FileStatus{"ab"} != FileStatus{"AB"});
+        DatabaseStatus{1, 3, {{"f", {"ab"}}}}, DatabaseStatus{0, 2, {{"f", {"ab"}}}}})
+    EXPECT_TRUE(a != b && !(a == b));
 }
