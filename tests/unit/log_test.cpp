@@ -12,24 +12,19 @@ using namespace vesk::test;
 
 TEST(Log, MirrorLineCarriesLevelLabelAndLine) {
   LogCapture capture;
-  log::Write(log::site::kLockAcquired, std::string("/run/data_update/update_any.lock"));
-  log::Write(log::site::kHookActionFailed, 4);
+  // Lines of the locks and the hook are pinned where they are written; these
+  // are a negative number and a line without a location.
   log::Write(log::site::kSpaceAvailable, static_cast<intmax_t>(-5));
   log::Write(log::site::kHwidFailed);
-  EXPECT_EQ(capture.Lines(),
-            (std::vector<std::string>{
-                "info: file_lock.cpp:44 Acquire lock on file: /run/data_update/update_any.lock",
-                "err: hook.cpp:107 Failed to exec hook at action [4]",
-                "debug: strategy.cpp:91 available: -5",
-                "err: Failed to init hwid context",
-            }));
+  EXPECT_EQ(capture.Lines(), (std::vector<std::string>{"debug: strategy.cpp:91 available: -5",
+                                                       "err: Failed to init hwid context"}));
   {  // Without a usable mirror nothing is written and the caller goes on.
     ScopedEnv unset("VESKDBUD_LOG_FILE", nullptr);
     log::Write(log::site::kUpToDate, std::string("db"));
     ScopedEnv bad("VESKDBUD_LOG_FILE", "/nonexistent/dir/log");
     log::Write(log::site::kUpToDate, std::string("db"));
   }
-  EXPECT_EQ(capture.Lines().size(), 4u);
+  EXPECT_EQ(capture.Lines().size(), 2u);
 }
 
 TEST(Log, LinesFromSeveralProcessesAreNotInterleaved) {
