@@ -74,9 +74,7 @@ TEST_F(IOUtilsTest, ReadJsonDistinguishesMissingUnreadableAndUndecodable) {
     EXPECT_EQ(std::string(e.what()), "File not exist: " + (dir / "none.json"));
     EXPECT_EQ(e.code(), UpdateError::kFileNotExist);
   }
-  // Past 1000 levels the JSON reader throws its own exception: a decode failure too.
-  for (const std::string& bad :
-       {std::string(), std::string("{\"a\": "), std::string(1001, '[') + std::string(1001, ']')}) {
+  for (const char* bad : {"", "{\"a\": "}) {
     WriteFile(dir / "bad.json", bad);
     EXPECT_UPDATE_ERROR(io.ReadJson(dir / "bad.json"), "Fail to decode: " + (dir / "bad.json"));
   }
@@ -110,14 +108,6 @@ TEST_F(IOUtilsTest, WriteJsonCreatesParentsTruncatesAndIndentsWithTabs) {
   EXPECT_UPDATE_ERROR(io.WriteJson(dir.path(), small), "Fail to write: " + dir.path());
 }
 
-// A document of about `bytes` bytes whose every member names `tag`.
-Json::Value BigDocument(const std::string& tag, size_t bytes) {
-  Json::Value value(Json::objectValue);
-  for (size_t i = 0; i * 64 < bytes; ++i)
-    value[tag][std::to_string(i)] = std::string(48, tag[0]);
-  return value;
-}
-
 // Names in `dir` other than `keep`: what a write left behind.
 std::vector<std::string> Others(const std::string& dir, const std::string& keep) {
   std::vector<std::string> names;
@@ -145,7 +135,8 @@ TEST_F(IOUtilsTest, WriteJsonThatFailsPartWayReportsItAndKeepsTheOldDocument) {
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
       return 2;
     try {
-      io.WriteJson(path, BigDocument("x", 64 << 10));
+      old["config"]["note"] = std::string(64 << 10, 'x');
+      io.WriteJson(path, old);
       return 1;
     } catch (const UpdateError& e) {
       WriteFile(findings, e.what());
