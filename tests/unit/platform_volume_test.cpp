@@ -192,4 +192,35 @@ TEST_F(ConfiguredVolumes, InfoGetAnswersOnlyForANamedExistingDirectory) {
   EXPECT_EQ(VESKMountVolInfoGet(a_.c_str(), nullptr), -1);
 }
 
+// Without root the mount-namespace system test is skipped; these two keep the
+// host's enumeration and the write check covered there.
+TEST_F(ConfiguredVolumes, ADirectoryThisProcessCannotWriteIsNotReadWrite) {
+  if (geteuid() == 0)
+    GTEST_SKIP() << "root writes through directory permissions; the read-only bind mount case "
+                    "runs in the mount namespace system test";
+  ASSERT_EQ(chmod(a_.c_str(), 0555), 0);
+  ScopedEnv volumes("VESK_VOLUMES", a_.c_str());
+  VESKVolInfo info{};
+  ASSERT_EQ(VESKMountVolInfoGet(a_.c_str(), &info), 0);
+  EXPECT_EQ(Describe(info), a_ + " mounted=1 statvfs=1 rw=0 policy=0");
+  chmod(a_.c_str(), 0755);
+}
+
+TEST(HostVolumes, OnlyVolumeMountPointsAreListedAndOthersRefused) {
+  ScopedEnv unset("VESK_VOLUMES", nullptr);
+  VolumeList list(VESKMountVolAllEnum(0, 1));
+  if (!list) {
+    EXPECT_EQ(VLIBCErrGet(), 0) << "enumeration failed rather than finding none";
+  }
+  for (const VESKVolInfo* r : Records(list)) {
+    EXPECT_TRUE(vesk::platform::IsDataVolumePath(r->mount_path)) << r->mount_path;
+    EXPECT_EQ(r->mounted, 1);
+  }
+  VESKVolInfo info{};
+  EXPECT_EQ(VESKMountVolInfoGet("/tmp", &info), -1);
+  EXPECT_EQ(VLIBCErrGet(), ENODEV);
+  EXPECT_EQ(VESKMountVolInfoGet("/volume987654", &info), -1);  // a volume name, not mounted
+  EXPECT_EQ(VLIBCErrGet(), ENOENT);
+}
+
 }  // namespace
