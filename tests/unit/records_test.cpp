@@ -37,6 +37,9 @@ TEST(Records, EveryWrongShapeFailsWithTheRecordsMessage) {
     const char* message;
   };
   const Case cases[] = {
+      {"RemoteInfo",
+       R"({"data_version": "5", "last_fetch_time": "1", "deprecated": false, "download_link": ""})",
+       "RemoteInfo"},
       {"RemoteInfo", R"({"data_version": "5", "last_fetch_time": 1, "download_link": ""})",
        "RemoteInfo"},
       {"RemoteInfo", "null", "RemoteInfo"},
