@@ -25,16 +25,6 @@ using namespace vesk::test;
 
 namespace {
 
-std::vector<std::string> LinesOf(const std::string& path) {
-  std::vector<std::string> lines;
-  if (!Exists(path))
-    return lines;
-  std::istringstream in(ReadFile(path));
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
-
 // A VESKDBUD_ROOT sandbox holding the plug-in directory of one path, and a
 // record file that the plug-ins written here append to.
 class PluginSandbox : public ::testing::Test {
@@ -62,7 +52,13 @@ class PluginSandbox : public ::testing::Test {
     return handle;
   }
 
-  std::vector<std::string> Record() const { return LinesOf(RecordFile()); }
+  std::vector<std::string> Record() const {
+    std::vector<std::string> lines;
+    std::istringstream in(Exists(RecordFile()) ? ReadFile(RecordFile()) : "");
+    for (std::string line; std::getline(in, line);)
+      lines.push_back(line);
+    return lines;
+  }
 
   std::string plugin_path_ = kPath;
   TempDir root_;
