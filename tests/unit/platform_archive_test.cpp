@@ -2,7 +2,7 @@
 // functions, with packages crafted by libarchive's writer and signed with the
 // publisher's signing code. Every refusal leaves the target empty. The
 // envelope's bytes are pinned by the package built by hand from the documented
-// layout (package_envelope_test); here also the decodings no small package reaches.
+// layout (publish_roundtrip_test); here also the decodings no small package reaches.
 #include "vesk/archive.h"
 
 #include <fcntl.h>
