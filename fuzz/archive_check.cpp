@@ -106,21 +106,25 @@ std::string Child(const std::string& dir, const std::string& name) {
   return path;
 }
 
+// The names in `dir`, without "." and "..".
+std::vector<std::string> Names(const std::string& dir) {
+  std::vector<std::string> names;
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
+  if (!listing)
+    Fail("cannot list " + dir);
+  while (const dirent* e = readdir(listing.get())) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..")
+      names.push_back(name);
+  }
+  return names;
+}
+
 // Every object below `dir` by its path relative to `dir`, links not followed;
 // paths in `skip` (relative) are left out together with everything below them.
 void ListInto(const std::string& dir, const std::string& prefix, const std::set<std::string>& skip,
               Tree* tree) {
-  std::vector<std::string> names;
-  {
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
-    if (!listing)
-      Fail("cannot list " + dir);
-    while (const dirent* e = readdir(listing.get())) {
-      const std::string name = e->d_name;
-      if (name != "." && name != "..")
-        names.push_back(name);
-    }
-  }
+  const std::vector<std::string> names = Names(dir);
   for (const std::string& name : names) {
     const std::string relative = prefix.empty() ? name : Child(prefix, name);
     if (skip.count(relative) != 0)
@@ -209,17 +213,7 @@ std::string Compare(const Tree& expected, const Tree& got, bool with_meta) {
 // Removes everything below `dir`, making directories writable first (an
 // extracted directory may have any mode).
 void RemoveContents(const std::string& dir) {
-  std::vector<std::string> names;
-  {
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
-    if (!listing)
-      Fail("cannot list " + dir);
-    while (const dirent* e = readdir(listing.get())) {
-      const std::string name = e->d_name;
-      if (name != "." && name != "..")
-        names.push_back(name);
-    }
-  }
+  const std::vector<std::string> names = Names(dir);
   for (const std::string& name : names) {
     const std::string path = Child(dir, name);
     struct stat st;
