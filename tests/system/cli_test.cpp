@@ -47,12 +47,9 @@ struct Outcome {
 // Text that does not compress, so a small change makes a diff package far
 // smaller than the full one.
 std::string Rules(char changed_at_500 = 'w') {
-  std::string text;
-  unsigned int state = 12345;
-  for (int i = 0; i < 20000; ++i) {
-    state = state * 1103515245u + 12345u;
-    text += static_cast<char>('a' + (state >> 16) % 26);
-  }
+  std::string text = Pseudorandom(20000, 12345);
+  for (char& c : text)
+    c = static_cast<char>('a' + static_cast<unsigned char>(c) % 26);
   text[500] = changed_at_500;
   return text;
 }
