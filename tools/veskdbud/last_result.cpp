@@ -1,11 +1,7 @@
 #include "last_result.h"
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <iostream>
 
-#include "dataupdate/error.h"
 #include "system_paths.h"
 
 namespace vesk::cli {
@@ -35,14 +31,11 @@ std::string LastResultPath(const std::string& id) {
 
 void RecordLastResult(const dataupdate::IOUtils& io, const std::string& id,
                       const LastResult& result) noexcept {
-  const std::string path = LastResultPath(id);
-  const std::string temporary = path + ".tmp" + std::to_string(getpid());
+  // WriteJson replaces the file whole (temporary file, rename), so a reader
+  // never sees half a record.
   try {
-    io.WriteJson(temporary, result.ToJson());
-    if (std::rename(temporary.c_str(), path.c_str()) != 0)
-      throw dataupdate::UpdateError("Fail to write: " + path);
+    io.WriteJson(LastResultPath(id), result.ToJson());
   } catch (const std::exception& e) {
-    std::remove(temporary.c_str());
     std::cerr << "veskdbud: warning: the result was not recorded: " << e.what() << std::endl;
   }
 }
