@@ -22,22 +22,6 @@ constexpr size_t kBlock = 256 * 1024;
                              boost::system::error_code(error, boost::system::system_category()));
 }
 
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0) {
-      if (n == 0)
-        errno = EIO;
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Lets the kernel copy with copy_file_range, which moves the data without a
 // round trip through this process, shares the extents where the file system
 // has reflinks, and advances both offsets. Where it does not apply (another
@@ -61,6 +45,22 @@ bool KernelCopy(int in, int out, off_t size) {
 }
 
 }  // namespace
+
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0) {
+      if (n == 0)
+        errno = EIO;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
 
 void CopyFileContents(const std::string& from, const std::string& to) {
   UniqueFd in(open(from.c_str(), O_RDONLY | O_CLOEXEC));

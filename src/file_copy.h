@@ -1,11 +1,12 @@
-// Copying a file's contents between file systems.
+// Copying a file's contents, within a file system and between them.
 //
 // Boost.Filesystem 1.74 copies through copy_file_range(2), which current
 // kernels refuse between different file systems (EXDEV) and Boost does not
 // fall back from; the volume and the root file system are different file
-// systems on every appliance. This copy reads and writes.
+// systems on every appliance. This copy falls back to reading and writing.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace vesk::dataupdate {
@@ -14,5 +15,9 @@ namespace vesk::dataupdate {
 // file `from` and its contents. Throws boost::filesystem::filesystem_error
 // naming both paths; a failure part-way (a full disk) removes what was written.
 void CopyFileContents(const std::string& from, const std::string& to);
+
+// Writes all `size` bytes, retrying short and interrupted writes; false with
+// errno set (EIO for a write that wrote nothing) otherwise.
+bool WriteAll(int fd, const char* data, size_t size);
 
 }  // namespace vesk::dataupdate

@@ -62,19 +62,6 @@ std::string WriteTarget(const std::string& path) {
   return resolved ? std::string(resolved.get()) : path;
 }
 
-bool WriteAll(int fd, const std::string& data) {
-  size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // A new file beside the target, created exclusively with mode 0666 less the
 // umask (what an ordinary create gives), removed again unless Commit() renamed
 // it over the target.
@@ -220,7 +207,8 @@ void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const
     static_cast<void>(fchmod(temp.fd(), old.st_mode & 07777));
     static_cast<void>(fchown(temp.fd(), old.st_uid, old.st_gid));
   }
-  if (!WriteAll(temp.fd(), text.str()) || !temp.Commit(target) ||
+  const std::string document = text.str();
+  if (!WriteAll(temp.fd(), document.data(), document.size()) || !temp.Commit(target) ||
       !SyncDirectory(fs::path(target).parent_path().string())) {
     throw UpdateError("Fail to write: " + path);
   }
