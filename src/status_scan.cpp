@@ -118,11 +118,8 @@ class Scanner {
   }
 
   // The value of "file_statuses": an object of objects that each hold a
-  // string "sha384_digest". The layout the library writes is recognised byte
-  // for byte first, as it makes up almost all of a large file.
+  // string "sha384_digest".
   bool FileStatuses() {
-    if (WrittenFileStatuses())
-      return true;
     return Object(2, [this](const char*, size_t) {
       bool digest = false;
       const bool ok = Object(3, [&](const char* name, size_t size) {
@@ -137,8 +134,7 @@ class Scanner {
     });
   }
 
-  // Any value of the subset: a string, an integer or an object.  // Any value of the subset: a
-  // string, an integer or an object.
+  // Any value of the subset: a string, an integer or an object.
   bool Value(int depth) {
     SkipSpaces();
     if (p_ >= end_)
@@ -155,58 +151,6 @@ class Scanner {
   }
 
  private:
-  // "file_statuses" exactly as the styled writer puts it at depth 1, with
-  // names in ascending order and 96-byte digests; false (and nothing read)
-  // for anything else.
-  bool WrittenFileStatuses() {
-    static constexpr char kOpen[] = " \n\t{\n";
-    static constexpr char kName[] = "\t\t\"";
-    static constexpr char kMiddle[] = "\" : \n\t\t{\n\t\t\t\"sha384_digest\" : \"";
-    static constexpr char kEnd[] = "\"\n\t\t}";
-    static constexpr char kNext[] = ",\n";
-    static constexpr char kClose[] = "\n\t}";
-    static constexpr size_t kDigest = 96;
-    const char* p = p_;
-    // The sizes are constants, so the comparisons are inlined.
-    const auto take = [&](const auto& text) {
-      constexpr size_t size = sizeof text - 1;
-      if (static_cast<size_t>(end_ - p) < size || std::memcmp(p, text, size) != 0)
-        return false;
-      p += size;
-      return true;
-    };
-    if (!take(kOpen))
-      return false;
-    const char* previous = nullptr;
-    size_t previous_size = 0;
-    while (true) {
-      if (!take(kName))
-        return false;
-      const auto* quote = static_cast<const char*>(std::memchr(p, '"', end_ - p));
-      if (quote == nullptr)
-        return false;
-      const size_t size = static_cast<size_t>(quote - p);
-      if (previous != nullptr && !Ascends(previous, previous_size, p, size))
-        return false;
-      previous = p;
-      previous_size = size;
-      p = quote;
-      if (!take(kMiddle) || static_cast<size_t>(end_ - p) < kDigest)
-        return false;
-      if (std::memchr(p, '"', kDigest) != nullptr)
-        return false;
-      p += kDigest;
-      if (!take(kEnd))
-        return false;
-      if (take(kNext))
-        continue;
-      if (!take(kClose))
-        return false;
-      p_ = p;
-      return true;
-    }
-  }
-
   const char* p_;
   const char* end_;
 };
@@ -403,7 +347,7 @@ bool ReadWholeFile(const std::string& path, std::string* text, struct stat* iden
   return read(fd.get(), &more, 1) == 0;  // else it grew while it was read
 }
 
-bool SameFile(const struct stat& a, const struct stat& b) {
+static bool SameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
          a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
          a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
