@@ -92,6 +92,16 @@ extern "C" int veskarchive_extract_multiple(veskarchive* handle, const char* con
   });
 }
 
+extern "C" const char* veskarchive_binding(const veskarchive* handle, size_t* size) {
+  if (size != nullptr)
+    *size = 0;
+  if (handle == nullptr || !handle->package || !handle->package->bound)
+    return nullptr;
+  if (size != nullptr)
+    *size = handle->package->binding.size();
+  return handle->package->binding.data();
+}
+
 extern "C" int veskarchive_error(const veskarchive* handle) {
   return handle != nullptr ? handle->last.code : VESKARCHIVE_E_INVALID;
 }

@@ -44,7 +44,8 @@ Status HashPrefix(int fd, std::uint64_t length, Digest* digest) {
   return {};
 }
 
-Status VerifySignature(EVP_PKEY* key, const Signature& signature, const SignedMessage& message) {
+template <typename Message>
+Status VerifySignature(EVP_PKEY* key, const Signature& signature, const Message& message) {
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   // Ed25519 is one-shot and takes no digest of its own (NULL).
   if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key) != 1)
@@ -55,9 +56,10 @@ Status VerifySignature(EVP_PKEY* key, const Signature& signature, const SignedMe
   return {};
 }
 
-// The envelope's fields, checked against the file size and each other.
+// The envelope's fields, checked against the file size and each other. A
+// version 2 package also has its binding section read into `binding`.
 Status ReadEnvelope(int fd, std::uint64_t file_size, std::uint64_t* length, Trailer* trailer,
-                    TrailerFields* fields) {
+                    TrailerFields* fields, std::string* binding) {
   Header header{};
   const size_t head = static_cast<size_t>(std::min<std::uint64_t>(file_size, kHeaderSize));
   if (PreadFully(fd, header.data(), head, 0) != static_cast<ssize_t>(head))
@@ -69,23 +71,62 @@ Status ReadEnvelope(int fd, std::uint64_t file_size, std::uint64_t* length, Trai
   *length = HeaderArchiveLength(header);
   if (*length > kMaxArchiveLength)
     return Fail(VESKARCHIVE_E_MALFORMED, "impossible archive length");
-  const std::uint64_t expected = kHeaderSize + *length + kTrailerSize;
-  if (file_size < expected)
+  const std::uint64_t trailer_end = kHeaderSize + *length + kTrailerSize;
+  const auto truncated = [file_size](std::uint64_t expected) {
     return Fail(VESKARCHIVE_E_TRUNCATED,
                 std::to_string(file_size) + " bytes of the announced " + std::to_string(expected));
-  if (file_size > expected)
-    return Fail(VESKARCHIVE_E_MALFORMED,
-                std::to_string(file_size - expected) + " bytes after the trailer");
+  };
+  if (file_size < trailer_end)
+    return truncated(trailer_end);
   if (PreadFully(fd, trailer->data(), kTrailerSize, static_cast<off_t>(kHeaderSize + *length)) !=
       static_cast<ssize_t>(kTrailerSize))
     return Fail(VESKARCHIVE_E_OPEN, std::string("read failed: ") + std::strerror(errno));
   if (!DecodeTrailer(*trailer, fields))
     return Fail(VESKARCHIVE_E_MALFORMED, "no trailer magic");
-  if (fields->version != kFormatVersion)
+  if (fields->version != kFormatVersion && fields->version != kBoundFormatVersion)
     return Fail(VESKARCHIVE_E_MALFORMED,
                 "unknown format version " + std::to_string(fields->version));
   if (fields->archive_length != *length)
     return Fail(VESKARCHIVE_E_MALFORMED, "header and trailer disagree on the archive length");
+
+  std::uint64_t expected = trailer_end;
+  if (fields->version == kBoundFormatVersion) {
+    std::uint8_t size_bytes[kBindingLengthSize];
+    if (file_size < trailer_end + kBindingLengthSize)
+      return truncated(trailer_end + kBindingLengthSize);
+    if (PreadFully(fd, size_bytes, sizeof size_bytes, static_cast<off_t>(trailer_end)) !=
+        static_cast<ssize_t>(sizeof size_bytes))
+      return Fail(VESKARCHIVE_E_OPEN, std::string("read failed: ") + std::strerror(errno));
+    const std::uint64_t binding_length = GetBig(size_bytes, kBindingLengthSize);
+    if (binding_length > kMaxBindingLength)
+      return Fail(VESKARCHIVE_E_MALFORMED, "impossible binding length");
+    expected = trailer_end + kBindingLengthSize + binding_length;
+    if (file_size < expected)
+      return truncated(expected);
+    binding->resize(static_cast<size_t>(binding_length));
+    if (PreadFully(fd, binding->data(), binding->size(),
+                   static_cast<off_t>(trailer_end + kBindingLengthSize)) !=
+        static_cast<ssize_t>(binding->size()))
+      return Fail(VESKARCHIVE_E_OPEN, std::string("read failed: ") + std::strerror(errno));
+  }
+  if (file_size > expected)
+    return Fail(VESKARCHIVE_E_MALFORMED,
+                std::to_string(file_size - expected) + " bytes after the trailer");
+  return {};
+}
+
+// SHA-512 of the binding section as it stands in the file: its length field
+// and its bytes.
+Status HashBinding(const std::string& binding, Digest* digest) {
+  std::uint8_t size_bytes[kBindingLengthSize];
+  PutBig(size_bytes, binding.size(), kBindingLengthSize);
+  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  unsigned int out_len = 0;
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha512(), nullptr) != 1 ||
+      EVP_DigestUpdate(ctx.get(), size_bytes, sizeof size_bytes) != 1 ||
+      EVP_DigestUpdate(ctx.get(), binding.data(), binding.size()) != 1 ||
+      EVP_DigestFinal_ex(ctx.get(), digest->data(), &out_len) != 1 || out_len != kDigestSize)
+    return Fail(VESKARCHIVE_E_INTERNAL, "SHA-512 failed");
   return {};
 }
 
@@ -121,8 +162,9 @@ Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* pac
   std::uint64_t length = 0;
   Trailer trailer{};
   TrailerFields fields;
-  Status s =
-      ReadEnvelope(fd.get(), static_cast<std::uint64_t>(st.st_size), &length, &trailer, &fields);
+  std::string binding;
+  Status s = ReadEnvelope(fd.get(), static_cast<std::uint64_t>(st.st_size), &length, &trailer,
+                          &fields, &binding);
   if (!s.ok())
     return Fail(s.code, path + ": " + s.detail);
   if (fields.key_type != static_cast<std::uint32_t>(key_type))
@@ -136,8 +178,15 @@ Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* pac
 
   Digest digest{};
   s = HashPrefix(fd.get(), kHeaderSize + length, &digest);
-  if (s.ok())
-    s = VerifySignature(key.get(), fields.signature, MakeSignedMessage(digest, trailer));
+  const bool bound = fields.version == kBoundFormatVersion;
+  Digest binding_digest{};
+  if (s.ok() && bound)
+    s = HashBinding(binding, &binding_digest);
+  if (s.ok()) {
+    s = bound ? VerifySignature(key.get(), fields.signature,
+                                MakeBoundSignedMessage(digest, trailer, binding_digest))
+              : VerifySignature(key.get(), fields.signature, MakeSignedMessage(digest, trailer));
+  }
   if (!s.ok())
     return Fail(s.code, path + ": " + s.detail);
 
@@ -145,6 +194,8 @@ Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* pac
   package->identity = st;
   package->archive_length = length;
   package->digest = digest;
+  package->bound = bound;
+  package->binding = std::move(binding);
   // A writer racing the hash would show here; later changes are caught at extraction.
   return CheckUnchanged(*package);
 }

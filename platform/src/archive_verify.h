@@ -26,6 +26,8 @@ struct VerifiedPackage {
   struct stat identity {};  // fstat at verification
   std::uint64_t archive_length = 0;
   envelope::Digest digest{};  // SHA-512 of bytes [0, 16 + archive_length)
+  bool bound = false;         // format 2: `binding` holds the signed binding
+  std::string binding;
 };
 
 Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* package);

@@ -106,6 +106,11 @@ void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::s
             publish::PublicKeyPem(key));
 }
 
+std::string DiffBinding(const std::string& id, int version) {
+  return R"({"database":")" + id + R"(","kind":"diff","from":)" + std::to_string(version - 1) +
+         R"(,"manifest":{},"version":)" + std::to_string(version) + "}";
+}
+
 std::vector<std::string> ListTree(const std::string& dir) {
   namespace fs = boost::filesystem;
   std::vector<std::string> found;

@@ -32,6 +32,10 @@ CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind);
 void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
                   Compression compression = Compression::kZstd);
 
+// The binding of a diff package of `id` from `version` - 1 to `version`, with an
+// empty manifest, as the engine asks for it.
+std::string DiffBinding(const std::string& id, int version);
+
 // Trusts `key` for `key_type`: writes its public PEM as
 // <root>/usr/vesk/etc/keys/<key_type>/<name>.pem.
 void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::string& name);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <json/reader.h>
 
 #include <boost/filesystem.hpp>
 #include <fstream>
@@ -119,9 +120,10 @@ class PublishRoundTripTest : public ::testing::Test {
                         const std::vector<std::string>& extra = {}, const std::string& source = "",
                         const std::string& db_ver = "v1") {
     std::vector<std::string> args{
-        kPublish,     "publish", "--source", source.empty() ? src : source,
-        "--out",      out,       "--key",    keys + "/private.pem",
-        "--base-url", base_url,  "--db-ver", db_ver};
+        kPublish,     "publish",   "--source", source.empty() ? src : source,
+        "--out",      out,         "--key",    keys + "/private.pem",
+        "--base-url", base_url,    "--db-ver", db_ver,
+        "--issued",   "1600000300"};
     args.insert(args.end(), extra.begin(), extra.end());
     return RunCommand(args);
   }
@@ -130,14 +132,38 @@ class PublishRoundTripTest : public ::testing::Test {
     return io.ReadJson(repo_dir + "/database_info/" + db_ver);
   }
 
-  void Extract(const std::string& package, const std::string& dir) {
+  // Extracts `package` into `dir`; its binding, parsed ("null" when it has none).
+  Json::Value Extract(const std::string& package, const std::string& dir) {
     fs::create_directories(dir);
     ArchivePtr h(veskarchive_init(dir.c_str()));
-    ASSERT_TRUE(h);
-    ASSERT_NE(veskarchive_open_with_keytype(h.get(), package.c_str(), 6), 0)
+    EXPECT_NE(veskarchive_open_with_keytype(h.get(), package.c_str(), 6), 0)
         << veskarchive_error_detail(h.get());
-    ASSERT_NE(veskarchive_extract_multiple(h.get(), nullptr, VESKARCHIVE_EXTRACT_OVERWRITE), 0)
+    EXPECT_NE(veskarchive_extract_multiple(h.get(), nullptr, VESKARCHIVE_EXTRACT_OVERWRITE), 0)
         << veskarchive_error_detail(h.get());
+    size_t size = 0;
+    const char* text = veskarchive_binding(h.get(), &size);
+    Json::Value binding;
+    if (text != nullptr)
+      Json::Reader().parse(text, text + size, binding);
+    return binding;
+  }
+
+  // The binding a package of version `v` of `id` must carry.
+  Json::Value Binding(const std::string& id, int v, int from) {
+    Json::Value b;
+    b["database"] = id;
+    b["version"] = v;
+    b["kind"] = from < 0 ? "full" : "diff";
+    if (from >= 0)
+      b["from"] = from;
+    b["manifest"] = Json::Value(Json::objectValue);
+    const std::string dir = src + "/" + id + "/" + std::to_string(v);
+    for (const std::string& name : Files(dir)) {
+      std::ifstream in(dir + "/" + name, std::ios::binary);
+      b["manifest"][name]["sha384"] = vesk::dataupdate::GetSha384(in);
+      b["manifest"][name]["size"] = static_cast<Json::UInt64>(fs::file_size(dir + "/" + name));
+    }
+    return b;
   }
 
   // Same files with the same bytes.
@@ -175,25 +201,30 @@ TEST_F(PublishRoundTripTest, ServedPackagesExtractToEveryVersionAndTheirDiffsAre
       const std::string pkg = work / (id + "-full-" + std::to_string(v));
       io.Download(pkg, server.url("/" + id + "/v" + std::to_string(v) + "/full.pkg"));
       const std::string dir = work / ("full-" + id + std::to_string(v));
-      Extract(pkg, dir);
+      EXPECT_EQ(Extract(pkg, dir).toStyledString(), Binding(id, v, -1).toStyledString());
       ExpectSameFiles(dir, src + "/" + id + "/" + std::to_string(v));
       // The envelope names the key that keygen printed.
       const std::string bytes = ReadFile(pkg);
-      const std::string id_bytes = bytes.substr(
-          bytes.size() - vesk::envelope::kTrailerSize + vesk::envelope::kKeyIdOffset, 32);
+      const size_t trailer =
+          vesk::envelope::kHeaderSize +
+          vesk::envelope::GetBig(reinterpret_cast<const std::uint8_t*>(bytes.data()) + 8, 8);
+      const std::string id_bytes = bytes.substr(trailer + vesk::envelope::kKeyIdOffset, 32);
       std::string hex;
       for (unsigned char c : id_bytes)
         hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
       EXPECT_EQ(hex, key_id);
-      // One byte of the signed archive changed in transit: refused unopened.
-      std::string flipped = bytes;
-      flipped[vesk::envelope::kHeaderSize +
-              (bytes.size() - vesk::envelope::kHeaderSize - vesk::envelope::kTrailerSize) / 2] ^= 1;
-      WriteFile(pkg + ".flipped", flipped);
-      fs::create_directories(work / "flipped");
-      ArchivePtr h(veskarchive_init((work / "flipped").c_str()));
-      EXPECT_EQ(veskarchive_open_with_keytype(h.get(), (pkg + ".flipped").c_str(), 6), 0) << pkg;
-      EXPECT_TRUE(ListTree(work / "flipped").empty());
+      // One byte of the signed archive, or of the binding, changed in transit:
+      // refused unopened.
+      for (const size_t at : {trailer / 2, bytes.size() - 3}) {
+        std::string flipped = bytes;
+        flipped[at] ^= 1;
+        WriteFile(pkg + ".flipped", flipped);
+        fs::create_directories(work / "flipped");
+        ArchivePtr h(veskarchive_init((work / "flipped").c_str()));
+        EXPECT_EQ(veskarchive_open_with_keytype(h.get(), (pkg + ".flipped").c_str(), 6), 0) << at;
+        EXPECT_EQ(veskarchive_error(h.get()), VESKARCHIVE_E_BAD_SIGNATURE) << at;
+        EXPECT_TRUE(ListTree(work / "flipped").empty());
+      }
     }
     const std::map<int, DiffInfo> diffs = DiffInfo::BatchFromJson(doc["db_list"][id]["diff_files"]);
     ASSERT_EQ(diffs.size(), 2u) << id;
@@ -201,6 +232,10 @@ TEST_F(PublishRoundTripTest, ServedPackagesExtractToEveryVersionAndTheirDiffsAre
       const std::string rel = "/" + id + "/v" + std::to_string(version) + "/diff.pkg";
       EXPECT_EQ(diff.download_link, server.url(rel));
       EXPECT_EQ(static_cast<std::uint64_t>(diff.file_size), fs::file_size(repo + rel));
+      const std::string pkg = work / (id + "-diff-" + std::to_string(version));
+      io.Download(pkg, diff.download_link);
+      EXPECT_EQ(Extract(pkg, work / "diff").toStyledString(),
+                Binding(id, version, version - 1).toStyledString());
     }
   }
   const auto requests = server.Requests();
@@ -211,7 +246,7 @@ TEST_F(PublishRoundTripTest, PublishingTwiceGivesIdenticalBytes) {
   ASSERT_EQ(Publish(repo, "http://packages.example/db").status, 0);
   const std::string again = work / "again";
   ASSERT_EQ(Publish(again, "http://packages.example/db").status, 0);
-  EXPECT_EQ(Files(repo).size(), 11u);  // the document, 6 full and 4 diff packages
+  EXPECT_EQ(Files(repo).size(), 12u);  // the document, its signature, 6 full and 4 diff packages
   ExpectSameFiles(again, repo);
 }
 
@@ -314,11 +349,13 @@ TEST_F(PublishRoundTripTest, EnvelopeBuiltByHandFromTheDocumentedLayoutIsAccepte
   WriteTarball(tar, {FileEntry("docs/readme", "written by another publisher\n")},
                Compression::kGzip);
   const std::string pkg = work / "by-hand.pkg";
+  const std::string binding = R"({"database":"docs","kind":"full","manifest":{},"version":7})";
+  std::ofstream(work / "binding.json") << binding;
   const std::string cmd = "python3 " + SupportFile("envelope_by_hand.py") + " " + tar + " " + keys +
-                          "/private.pem 6 " + pkg;
+                          "/private.pem 6 " + pkg + " " + (work / "binding.json");
   ASSERT_EQ(std::system(cmd.c_str()), 0);
 
-  publish::SignArchive(tar, work / "ours.pkg", key.get(), 6);
+  publish::SignArchive(tar, work / "ours.pkg", key.get(), 6, binding);
   EXPECT_EQ(ReadFile(pkg), ReadFile(work / "ours.pkg"));  // Ed25519 is deterministic
 
   Extract(pkg, target);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "publish_error.h"
+#include "vesk_internal/ossl_ptr.h"
 #include "vesk_internal/unique_fd.h"
 
 namespace vesk::publish {
@@ -166,6 +167,37 @@ ScratchDir::ScratchDir(const std::string& parent) {
 ScratchDir::~ScratchDir() {
   boost::system::error_code ec;  // a destructor reports nothing; leftovers are named .veskdbud-*
   boost::filesystem::remove_all(path_, ec);
+}
+
+std::string Sha384Hex(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (!fd.valid())
+    throw PublishError("cannot read " + path + ": " + std::strerror(errno));
+  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha384(), nullptr) != 1)
+    throw PublishError("SHA-384 unavailable");
+  std::vector<char> buf(256 * 1024);
+  for (;;) {
+    const ssize_t n = read(fd.get(), buf.data(), buf.size());
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      throw PublishError("cannot read " + path + ": " + std::strerror(errno));
+    if (n == 0)
+      break;
+    EVP_DigestUpdate(ctx.get(), buf.data(), static_cast<size_t>(n));
+  }
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  if (EVP_DigestFinal_ex(ctx.get(), digest, &len) != 1)
+    throw PublishError("SHA-384 failed");
+  static const char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (unsigned int i = 0; i < len; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 15];
+  }
+  return hex;
 }
 
 }  // namespace vesk::publish

@@ -28,6 +28,9 @@ std::uint64_t FileSize(const std::string& path);
 // True when the file begins with the given bytes.
 bool FileStartsWith(const std::string& path, const std::string& prefix);
 
+// SHA-384 of the file's content, as lowercase hexadecimal.
+std::string Sha384Hex(const std::string& path);
+
 // Writes all of `size` bytes to `fd`; throws naming `what` on failure.
 void WriteAll(int fd, const void* data, size_t size, const std::string& what);
 

@@ -12,6 +12,7 @@
 
 #include "file_io.h"
 #include "publish_error.h"
+#include "vesk_internal/info_signature.h"
 #include "vesk_internal/unique_fd.h"
 
 namespace vesk::publish {
@@ -34,7 +35,8 @@ void WriteNewFile(const std::string& path, const std::string& content, mode_t mo
     throw PublishError("cannot write " + path + ": " + std::strerror(errno));
 }
 
-Signature Sign(EVP_PKEY* key, const SignedMessage& message) {
+template <typename Message>
+Signature Sign(EVP_PKEY* key, const Message& message) {
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   Signature sig{};
   size_t len = sig.size();
@@ -97,7 +99,7 @@ std::string KeyIdHex(EVP_PKEY* key) {
 }
 
 void SignArchive(const std::string& archive_path, const std::string& package_path, EVP_PKEY* key,
-                 std::uint32_t key_type) {
+                 std::uint32_t key_type, const std::optional<std::string>& binding) {
   UniqueFd in(open(archive_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat st;
   if (!in.valid() || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
@@ -142,14 +144,64 @@ void SignArchive(const std::string& archive_path, const std::string& package_pat
   fields.key_id = KeyIdOf(key);
   fields.key_type = key_type;
   fields.archive_length = length;
+  std::string section;
+  if (binding) {
+    if (binding->size() > kMaxBindingLength)
+      throw PublishError("the binding of " + package_path + " is too large");
+    fields.version = kBoundFormatVersion;
+    section.resize(kBindingLengthSize);
+    PutBig(reinterpret_cast<std::uint8_t*>(section.data()), binding->size(), kBindingLengthSize);
+    section += *binding;
+  }
   // The signed message does not cover the signature slot, so sign the unsigned
   // trailer and then fill the slot.
-  fields.signature = Sign(key, MakeSignedMessage(digest, EncodeTrailer(fields)));
+  if (binding) {
+    Digest binding_digest{};
+    if (EVP_Digest(section.data(), section.size(), binding_digest.data(), &digest_len, EVP_sha512(),
+                   nullptr) != 1)
+      throw PublishError("SHA-512 failed");
+    fields.signature =
+        Sign(key, MakeBoundSignedMessage(digest, EncodeTrailer(fields), binding_digest));
+  } else {
+    fields.signature = Sign(key, MakeSignedMessage(digest, EncodeTrailer(fields)));
+  }
   const Trailer trailer = EncodeTrailer(fields);
   WriteAll(out.get(), trailer.data(), trailer.size(), temp);
+  WriteAll(out.get(), section.data(), section.size(), temp);
   if (close(out.Release()) != 0)
     throw PublishError("cannot write " + temp + ": " + std::strerror(errno));
   RenameFile(temp, package_path);
+}
+
+void SignDocument(const std::string& document_path, EVP_PKEY* key, std::uint32_t key_type,
+                  const std::string& info_version, std::int64_t issued, std::int64_t expires) {
+  namespace sig = info_signature;
+  if (info_version.size() > sig::kInfoVersionSize)
+    throw PublishError("the document name " + info_version + " is longer than " +
+                       std::to_string(sig::kInfoVersionSize) + " bytes");
+  const std::string document = ReadSmallFile(document_path);
+  sig::Fields fields;
+  fields.key_type = key_type;
+  fields.issued = issued;
+  fields.expires = expires;
+  fields.document_length = document.size();
+  unsigned int len = 0;
+  if (EVP_Digest(document.data(), document.size(), fields.document_digest.data(), &len,
+                 EVP_sha512(), nullptr) != 1)
+    throw PublishError("SHA-512 failed");
+  fields.info_version = info_version;
+  fields.key_id = KeyIdOf(key);
+  const sig::Bytes unsigned_bytes = sig::Encode(fields);
+  std::array<std::uint8_t, sig::kSignedSize> message{};
+  std::memcpy(message.data(), unsigned_bytes.data(), message.size());
+  fields.signature = Sign(key, message);
+  const sig::Bytes bytes = sig::Encode(fields);
+  WriteFileAtomically(DocumentSignaturePath(document_path),
+                      std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+std::string DocumentSignaturePath(const std::string& document_path) {
+  return document_path + ".sig";
 }
 
 }  // namespace vesk::publish

@@ -12,6 +12,8 @@
 // duration and restores it before returning.
 #pragma once
 
+#include <stddef.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -71,6 +73,13 @@ int veskarchive_open_with_keytype(veskarchive* handle, const char* package, int 
 // VESKARCHIVE_EXTRACT_OVERWRITE. Every entry is checked before the first is
 // written. Non-zero on success; 0 on failure with the reason kept.
 int veskarchive_extract_multiple(veskarchive* handle, const char* const* entries, int flags);
+
+// The binding of the package verified by the last successful open: the signed
+// JSON document naming the database, version, kind and manifest it installs
+// (docs/package-format.md), `*size` bytes, not NUL-terminated, valid until the
+// handle is opened again or freed. NULL (and `*size` 0) when no package is open
+// or the package is of format version 1, which carries none.
+const char* veskarchive_binding(const veskarchive* handle, size_t* size);
 
 // The error code kept in the handle (VESKARCHIVE_OK when none; VESKARCHIVE_E_INVALID
 // for a NULL handle).

@@ -12,9 +12,15 @@
 //   16+L+100      4     format version, 1 (unsigned, big-endian)
 //   16+L+104      8     archive length L again (unsigned, big-endian)
 //   16+L+112      16    trailer magic "VESKDBUD-SIGNED\n"
+//   version 2 only, the binding section:
+//   16+L+128      8     binding length M (unsigned, big-endian)
+//   16+L+136      M     the binding: a JSON object naming the database, version,
+//                       kind and manifest the package installs
 //
-// Signed message (128 bytes): SHA-512 of bytes [0, 16+L) followed by trailer
-// bytes [64, 128), so the key id, key type, version and length are signed too.
+// Signed message: SHA-512 of bytes [0, 16+L) followed by trailer bytes [64, 128)
+// (128 bytes), so the key id, key type, version and length are signed too; in
+// version 2 followed by the SHA-512 of the binding section [16+L+128, end)
+// (192 bytes), so a package cannot be presented as another database's or release's.
 // The leading header lets a reader tell a truncated package (header present,
 // file too short) from a file that is no package at all.
 #pragma once
@@ -34,7 +40,11 @@ inline constexpr std::size_t kSignatureSize = 64;
 inline constexpr std::size_t kKeyIdSize = 32;
 inline constexpr std::size_t kDigestSize = 64;  // SHA-512
 inline constexpr std::size_t kRawPublicKeySize = 32;
-inline constexpr std::uint32_t kFormatVersion = 1;
+inline constexpr std::uint32_t kFormatVersion = 1;       // no binding
+inline constexpr std::uint32_t kBoundFormatVersion = 2;  // with a binding section
+inline constexpr std::size_t kBindingLengthSize = 8;
+// Manifests of large releases fit; nothing is read into memory beyond this.
+inline constexpr std::uint64_t kMaxBindingLength = std::uint64_t{64} << 20;
 // No package is near this; it keeps 16 + L + 128 far from overflow.
 inline constexpr std::uint64_t kMaxArchiveLength = std::uint64_t{1} << 56;
 
@@ -62,6 +72,7 @@ using Signature = std::array<std::uint8_t, kSignatureSize>;
 using KeyId = std::array<std::uint8_t, kKeyIdSize>;
 using Digest = std::array<std::uint8_t, kDigestSize>;
 using SignedMessage = std::array<std::uint8_t, kDigestSize + kTrailerSize - kSignedTrailerOffset>;
+using BoundSignedMessage = std::array<std::uint8_t, sizeof(SignedMessage) + kDigestSize>;
 
 struct TrailerFields {
   Signature signature{};
@@ -128,6 +139,15 @@ inline SignedMessage MakeSignedMessage(const Digest& digest, const Trailer& trai
   std::memcpy(m.data(), digest.data(), kDigestSize);
   std::memcpy(m.data() + kDigestSize, trailer.data() + kSignedTrailerOffset,
               kTrailerSize - kSignedTrailerOffset);
+  return m;
+}
+
+inline BoundSignedMessage MakeBoundSignedMessage(const Digest& digest, const Trailer& trailer,
+                                                 const Digest& binding_digest) {
+  BoundSignedMessage m{};
+  const SignedMessage head = MakeSignedMessage(digest, trailer);
+  std::memcpy(m.data(), head.data(), head.size());
+  std::memcpy(m.data() + head.size(), binding_digest.data(), kDigestSize);
   return m;
 }
 
