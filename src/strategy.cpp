@@ -24,7 +24,7 @@
 #include "dataupdate/io_utils.h"
 #include "file_copy.h"
 #include "log_sites.h"
-#include "vesk/archive.h"
+#include "package_binding.h"
 #include "vesk/root.h"
 #include "vlib/vlibc.h"
 
@@ -34,12 +34,6 @@ namespace vesk::dataupdate {
 namespace {
 
 constexpr unsigned int kUsingLockTimeout = 600;
-constexpr int kPackageKeyType = 6;
-
-struct ArchiveFree {
-  void operator()(veskarchive* handle) const { veskarchive_free(handle); }
-};
-using ArchiveHandle = std::unique_ptr<veskarchive, ArchiveFree>;
 
 std::string TmpRoot(const std::string& volume) {
   return (NoexceptFormat("%s/@tmp/data_update") % volume).str();
@@ -261,19 +255,7 @@ bool BaseStrategy::_IsSpaceEnough(const std::string& path, long long delta) {
 }
 
 void BaseStrategy::_ExtractTarballTo(const std::string& package, const std::string& dir) {
-  ArchiveHandle handle(veskarchive_init(dir.c_str()));
-  if (!handle)
-    throw UpdateError("Failed to extract package at veskarchive_init");
-  if (veskarchive_open_with_keytype(handle.get(), package.c_str(), kPackageKeyType) == 0) {
-    throw UpdateError((NoexceptFormat("veskarchive_open %s failed, ret: %d") % package %
-                       veskarchive_error(handle.get()))
-                          .str());
-  }
-  if (veskarchive_extract_multiple(handle.get(), nullptr, VESKARCHIVE_EXTRACT_OVERWRITE) == 0) {
-    throw UpdateError((NoexceptFormat("veskarchive_extract %s failed, ret: %d") % package %
-                       veskarchive_error(handle.get()))
-                          .str());
-  }
+  ExtractBoundPackage(package, dir, nullptr);
 }
 
 // ---------------------------------------------------------------- FullStrategy
@@ -320,7 +302,8 @@ void FullStrategy::PrepareUpdate() {
 
   extract_path_ = (NoexceptFormat("%s/@tmp/data_update/%s_full") % volume_ % id_).str();
   FreshDirectory(io, extract_path_);
-  _ExtractTarballTo(tarball_path_, extract_path_);
+  const ExpectedBinding expected{id_, remote_info_.data_version, true, -1, false};
+  ExtractBoundPackage(tarball_path_, extract_path_, &expected);
   _CalModifyInfo();
 
   io.VeskMkdir(install_prefix_);
@@ -478,7 +461,8 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
 
   FreshDirectory(io, delta_dir);
   io.Download(package, diff.download_link);
-  _ExtractTarballTo(package, delta_dir);
+  const ExpectedBinding expected{id_, version, false, version - 1, false};
+  ExtractBoundPackage(package, delta_dir, &expected);
 
   const std::string index_path = delta_dir + "/patch_infos.json";
   Json::Value patch_infos;
@@ -632,11 +616,21 @@ std::set<std::string> DiffStrategy::GetModifiedFiles() const {
 ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string& download_link,
                                        const std::string& volume, const std::string& install_prefix,
                                        const std::string& root_directory)
+    : ForceInstallByLink(id, download_link, 0, volume, install_prefix, root_directory) {
+  any_version_ = true;
+}
+
+ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string& download_link,
+                                       int data_version, const std::string& volume,
+                                       const std::string& install_prefix,
+                                       const std::string& root_directory)
     : id_(id),
       download_link_(download_link),
       volume_(volume),
       install_prefix_(install_prefix),
-      root_directory_(root_directory) {}
+      root_directory_(root_directory),
+      data_version_(data_version),
+      any_version_(false) {}
 
 ForceInstallByLink::~ForceInstallByLink() {
   IOUtils io;
@@ -665,7 +659,8 @@ void ForceInstallByLink::PrepareUpdate() {
 void ForceInstallByLink::ApplyUpdate() {
   try {
     FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
-    _ExtractTarballTo(tarball_path_, install_prefix_);
+    const ExpectedBinding expected{id_, data_version_, true, -1, any_version_};
+    ExtractBoundPackage(tarball_path_, install_prefix_, &expected);
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to force install: ") + e.what());
   }

@@ -119,7 +119,12 @@ class VESKDBUD_EXPORT DiffStrategy : public BaseStrategy {
 
 class VESKDBUD_EXPORT ForceInstallByLink : public BaseStrategy {
  public:
+  // Any full package of the database `id` is accepted.
   ForceInstallByLink(const std::string& id, const std::string& download_link,
+                     const std::string& volume, const std::string& install_prefix,
+                     const std::string& root_directory);
+  // Only the full package of version `data_version` of `id` is accepted.
+  ForceInstallByLink(const std::string& id, const std::string& download_link, int data_version,
                      const std::string& volume, const std::string& install_prefix,
                      const std::string& root_directory);
   ~ForceInstallByLink() override;
@@ -137,6 +142,8 @@ class VESKDBUD_EXPORT ForceInstallByLink : public BaseStrategy {
   std::string install_prefix_;
   std::string root_directory_;  // kept; this strategy checks no space
   std::string tarball_path_;
+  int data_version_ = 0;
+  bool any_version_ = true;  // built from a link alone
 };
 
 }  // namespace vesk::dataupdate

@@ -185,7 +185,8 @@ TEST_F(EngineTest, EveryDiffFailureFallsBackToTheFullPackageWithExactlyOneWarnin
                           R"({"/readme.txt": {"operation": "update", "input_file": "r.bsdiff"}})"),
                 FileEntry("r.bsdiff", "BSDIFF40")});
   auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
-  vesk::publish::SignArchive(sandbox / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6);
+  vesk::publish::SignArchive(sandbox / "diff.tar", repo.out_dir() + "/crafted.pkg", key.get(), 6,
+                             DiffBinding("db1", 2));
   const RemoteInfo one(1, 0, false, repo.BaseUrl() + "/db1/v1/full.pkg");
   struct Case {
     const char* warning;

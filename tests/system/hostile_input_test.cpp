@@ -49,7 +49,8 @@ class HostileInputTest : public ServiceTest {
     const std::string name = "crafted" + std::to_string(crafted_++) + ".pkg";
     WriteTarball(craft_ / "diff.tar", entries);
     auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
-    vesk::publish::SignArchive(craft_ / "diff.tar", repo.out_dir() + "/" + name, key.get(), 6);
+    vesk::publish::SignArchive(craft_ / "diff.tar", repo.out_dir() + "/" + name, key.get(), 6,
+                               DiffBinding("db1", version));
     return {{version, DiffInfo(repo.BaseUrl() + "/" + name, 100)}};
   }
 

@@ -38,28 +38,57 @@ bool IsSafeComponent(const std::string& s) {
   return IsValidDatabaseId(s) && s != "." && s != "..";
 }
 
+// Every file of a version with its SHA-384 and size: the manifest each of the
+// version's packages carries in its binding.
+Json::Value Manifest(const VersionTree& v) {
+  Json::Value manifest(Json::objectValue);
+  for (const auto& [name, path] : v.files) {
+    Json::Value& file = manifest[name];
+    file["sha384"] = Sha384Hex(path);
+    file["size"] = static_cast<Json::UInt64>(FileSize(path));
+  }
+  return manifest;
+}
+
+// What a package installs, signed with it: the engine refuses a package whose
+// binding is not the one it asked for.
+std::string BindingText(const std::string& id, int version, int from, const Json::Value& manifest) {
+  Json::Value binding(Json::objectValue);
+  binding["database"] = id;
+  binding["version"] = version;
+  binding["kind"] = from < 0 ? "full" : "diff";
+  if (from >= 0)
+    binding["from"] = from;
+  binding["manifest"] = manifest;
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  return Json::writeString(writer, binding);
+}
+
 // Signs the archive built from `members` into out/<relative>; its size.
 std::uint64_t WritePackage(const Context& ctx, std::vector<TarMember> members, std::int64_t mtime,
-                           const std::string& relative) {
+                           const std::string& relative, const std::string& binding) {
   const std::string tar = Join(ctx.scratch, "archive.tar.zst");
   WriteTar(tar, members, mtime);
   const std::string path = Join(ctx.options.out, relative);
   fs::create_directories(fs::path(path).parent_path());
-  SignArchive(tar, path, ctx.key, ctx.options.key_type);
+  SignArchive(tar, path, ctx.key, ctx.options.key_type, binding);
   fs::remove(tar);
   return FileSize(path);
 }
 
 std::uint64_t WriteFullPackage(const Context& ctx, const DatabaseSource& db, const VersionTree& v,
-                               std::int64_t mtime) {
+                               const Json::Value& manifest, std::int64_t mtime) {
   std::vector<TarMember> members;
   for (const auto& [name, path] : v.files)
     members.push_back(FileMember(name, path));
-  return WritePackage(ctx, members, mtime, FullPackagePath(db.id, v.version));
+  return WritePackage(ctx, members, mtime, FullPackagePath(db.id, v.version),
+                      BindingText(db.id, v.version, -1, manifest));
 }
 
 std::uint64_t WriteDiffPackage(const Context& ctx, const DatabaseSource& db,
-                               const VersionTree& from, const VersionTree& to, std::int64_t mtime) {
+                               const VersionTree& from, const VersionTree& to,
+                               const Json::Value& manifest, std::int64_t mtime) {
   std::set<std::string> names;
   for (const auto& f : from.files)
     names.insert(f.first);
@@ -95,7 +124,8 @@ std::uint64_t WriteDiffPackage(const Context& ctx, const DatabaseSource& db,
   Json::StyledStreamWriter("\t").write(json, patch_infos);
   std::vector<TarMember> members{TextMember("patch_infos.json", json.str())};
   members.insert(members.end(), inputs.begin(), inputs.end());
-  const std::uint64_t size = WritePackage(ctx, members, mtime, DiffPackagePath(db.id, to.version));
+  const std::uint64_t size = WritePackage(ctx, members, mtime, DiffPackagePath(db.id, to.version),
+                                          BindingText(db.id, to.version, from.version, manifest));
   fs::remove_all(work);
   return size;
 }
@@ -135,8 +165,11 @@ std::int64_t NewestMtime(const DatabaseSource& db) {
 Json::Value PublishDatabase(const Context& ctx, const DatabaseSource& db) {
   const auto& o = ctx.options;
   std::map<int, std::uint64_t> full_sizes;
+  std::map<int, Json::Value> manifests;
   for (const auto& [version, tree] : db.versions) {
-    full_sizes[version] = WriteFullPackage(ctx, db, tree, o.time.value_or(tree.newest_mtime));
+    manifests[version] = Manifest(tree);
+    full_sizes[version] =
+        WriteFullPackage(ctx, db, tree, manifests[version], o.time.value_or(tree.newest_mtime));
     ctx.log << "full  " << db.id << " v" << version << "  " << full_sizes[version] << " bytes\n";
   }
   Json::Value diffs(Json::objectValue);
@@ -144,10 +177,16 @@ Json::Value PublishDatabase(const Context& ctx, const DatabaseSource& db) {
     auto previous = db.versions.find(version - 1);
     if (previous == db.versions.end())
       continue;
-    const std::uint64_t size =
-        WriteDiffPackage(ctx, db, previous->second, tree, o.time.value_or(tree.newest_mtime));
+    const std::uint64_t size = WriteDiffPackage(ctx, db, previous->second, tree, manifests[version],
+                                                o.time.value_or(tree.newest_mtime));
     ctx.log << "diff  " << db.id << " v" << version << "  " << size << " bytes";
-    if (static_cast<double>(size) > o.max_diff_ratio * static_cast<double>(full_sizes[version])) {
+    // Both packages carry the release's manifest; the choice weighs what differs.
+    Json::StreamWriterBuilder compact;
+    compact["indentation"] = "";
+    const auto manifest_bytes =
+        static_cast<double>(Json::writeString(compact, manifests[version]).size());
+    if (static_cast<double>(size) - manifest_bytes >
+        o.max_diff_ratio * (static_cast<double>(full_sizes[version]) - manifest_bytes)) {
       ctx.log << "  (not announced: more than " << o.max_diff_ratio * 100
               << "% of the full package)\n";
       continue;
@@ -235,6 +274,36 @@ void Publish(const PublishOptions& options, std::ostream& log, std::ostream& war
   fs::create_directories(fs::path(info).parent_path());
   WriteFileAtomically(info, text.str());
   log << "info  " << info << "\n";
+  SignInfo(options.out, options.db_ver, key.get(), options.key_type, options.issued,
+           options.valid_days, log);
+}
+
+void SignInfo(const std::string& out, const std::string& db_ver, EVP_PKEY* key,
+              std::uint32_t key_type, std::int64_t issued, int valid_days, std::ostream& log) {
+  const std::string info = Join(out, "database_info/" + db_ver);
+  const std::int64_t expires = issued + std::int64_t{valid_days} * 86400;
+  SignDocument(info, key, key_type, db_ver, issued, expires);
+  log << "sign  " << DocumentSignaturePath(info) << "  valid until " << expires << "\n";
+}
+
+void Resign(const ResignOptions& options, std::ostream& log) {
+  EvpPkeyPtr key = LoadPrivateKey(options.key_path);
+  const fs::path dir = fs::path(options.out) / "database_info";
+  if (!fs::is_directory(dir))
+    throw PublishError("no database-info documents below " + options.out);
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    const std::string name = entry.path().filename().string();
+    if (fs::is_regular_file(entry.status()) && IsSafeComponent(name) &&
+        entry.path().extension() != ".sig" && entry.path().extension() != ".tmp")
+      names.push_back(name);
+  }
+  if (names.empty())
+    throw PublishError("no database-info documents below " + options.out);
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names)
+    SignInfo(options.out, name, key.get(), options.key_type, options.issued, options.valid_days,
+             log);
 }
 
 }  // namespace vesk::publish
