@@ -233,6 +233,14 @@ void ServiceConfig::SetCurVolume(const std::string& volume) const {
   config_->Set(kServiceSection, "cur_volume", volume);
 }
 
+bool ServiceConfig::GetVerifyInfo() const {
+  try {
+    return config_->GetAsBool(kServiceSection, "verify_info");
+  } catch (const UpdateError&) {
+    return false;  // documents are taken as they come unless asked otherwise
+  }
+}
+
 DatabaseConfig::DatabaseConfig(const std::string& id, const std::string& cur_volume,
                                std::shared_ptr<Config> config)
     : id_(id), cur_volume_(cur_volume), config_(std::move(config)) {

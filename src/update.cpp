@@ -13,6 +13,7 @@
 #include "dataupdate/file_lock.h"
 #include "dataupdate/strategy.h"
 #include "dataupdate/volume_handler.h"
+#include "info_document.h"
 #include "log_sites.h"
 #include "unique_fd.h"
 #include "vesk/crypto_hwid.h"
@@ -76,6 +77,26 @@ class RemoveUnlessKept {
   std::string path_;
 };
 
+// Flushes `fresh` and renames it over `target`: a power cut must not leave an
+// empty cache that would fail every update for an hour.
+void Commit(const std::string& fresh, const std::string& target) {
+  UniqueFd fd(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd || fsync(fd.get()) != 0 || std::rename(fresh.c_str(), target.c_str()) != 0)
+    throw UpdateError("Fail to write: " + target);
+}
+
+Json::Value ReadDocumentObject(const IOUtils& io, const std::string& path) {
+  Json::Value document;
+  try {
+    document = io.ReadJson(path);
+  } catch (const Json::Exception&) {
+    document = Json::Value();  // the reader gave up on it: not a document either
+  }
+  if (!document.isObject())
+    throw UpdateError("Fail to decode: " + path);
+  return document;
+}
+
 // The refresh downloads beside the cache and renames the new document over it
 // only once it reads as a JSON object, so a failed or garbled download leaves
 // the last good document on disk (not consulted for this call: the error is the
@@ -84,20 +105,44 @@ Json::Value RefreshCache(const IOUtils& io, const std::string& url, const std::s
   const std::string fresh = cache + ".tmp";
   RemoveUnlessKept cleanup(fresh);
   io.Download(fresh, url);
-  Json::Value document;
-  try {
-    document = io.ReadJson(fresh);
-  } catch (const Json::Exception&) {
-    document = Json::Value();  // the reader gave up on it: not a document either
-  }
-  if (!document.isObject())
-    throw UpdateError("Fail to decode: " + fresh);
+  Json::Value document = ReadDocumentObject(io, fresh);
   MarkDownloadedNow(fresh);
-  // On the disk before it replaces the old one: a power cut must not leave an
-  // empty cache that would fail every update for an hour.
-  UniqueFd fd(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd || fsync(fd.get()) != 0 || std::rename(fresh.c_str(), cache.c_str()) != 0)
-    throw UpdateError("Fail to write: " + cache);
+  Commit(fresh, cache);
+  cleanup.Keep();
+  return document;
+}
+
+// With signed documents: the cached document serves while it is younger than
+// the cache's hour and its signature still holds (trusted, unexpired, not older
+// than the newest accepted); otherwise the document and its signature are
+// fetched again and replace the cached pair only once they pass, so a refused
+// document is never acted on and the last good one stays on disk.
+Json::Value VerifiedInfo(const IOUtils& io, const std::string& url, const std::string& sig_url,
+                         const std::string& cache, const std::string& info_version) {
+  const std::string signature = SignaturePathOf(cache);
+  if (VLIBCFileExist(cache.c_str()) != 0 && !io.FileCreateOver(cache, kCacheMaxAge)) {
+    try {
+      CheckSignedInfo(io, cache, signature, info_version);
+      return ReadDocumentObject(io, cache);
+    } catch (const UpdateError& e) {
+      log::Write(log::site::kFreshInfoError, std::string(e.what()));
+    }
+  }
+  const std::string fresh = cache + ".tmp";
+  const std::string fresh_signature = signature + ".tmp";
+  RemoveUnlessKept cleanup(fresh);
+  RemoveUnlessKept cleanup_signature(fresh_signature);
+  io.Download(fresh, url);
+  io.Download(fresh_signature, sig_url);
+  const long long issued = CheckSignedInfo(io, fresh, fresh_signature, info_version);
+  Json::Value document = ReadDocumentObject(io, fresh);
+  // Older documents are replays from here on, even if the renames below are cut.
+  RecordAcceptedInfo(io, info_version, issued);
+  MarkDownloadedNow(fresh);
+  // A cut between the two leaves a pair that fails its check: fetched again.
+  Commit(fresh_signature, signature);
+  cleanup_signature.Keep();
+  Commit(fresh, cache);
   cleanup.Keep();
   return document;
 }
@@ -168,12 +213,28 @@ std::string InfoGetter::GetDatabaseUrl() const {
       .str();
 }
 
+namespace {
+
+// The document's signature sits beside it on the server: "<document>.sig",
+// asked with the same query.
+std::string SignatureUrl(const std::string& url) {
+  const size_t query = url.find('?');
+  return query == std::string::npos ? url + ".sig"
+                                    : url.substr(0, query) + ".sig" + url.substr(query);
+}
+
+}  // namespace
+
 Json::Value InfoGetter::GetDatabaseInfo() const {
   const std::string cache = platform::RootPath("/var/cache/data_update/database_info.json");
   try {
     io_->VeskMkdir(platform::RootPath("/var/cache/data_update"));
     // Held while reading too, so a reader never sees a half-replaced document.
     FileLock lock(platform::RootPath("/run/data_update/fresh_info.lock"), kLockTimeout);
+    if (config_->GetVerifyInfo()) {
+      const std::string url = GetDatabaseUrl();
+      return VerifiedInfo(*io_, url, SignatureUrl(url), cache, config_->GetDBInfoVersion());
+    }
     if (VLIBCFileExist(cache.c_str()) == 0 || io_->FileCreateOver(cache, kCacheMaxAge))
       return RefreshCache(*io_, GetDatabaseUrl(), cache);
     return io_->ReadJson(cache);
@@ -352,7 +413,8 @@ void Update::ForceInstall(const std::string& id, int version) const {
   const std::string volume = config_->GetCurVolume();
   const std::string install_prefix = database->GetInstallPrefix();
 
-  ForceInstallByLink strategy(id, remote.download_link, volume, install_prefix, "/");
+  ForceInstallByLink strategy(id, remote.download_link, remote.data_version, volume, install_prefix,
+                              "/");
   strategy.PrepareUpdate();
   strategy.ApplyUpdate();
   const std::set<std::string> files = strategy.GetModifiedFiles();

@@ -111,6 +111,9 @@ class VESKDBUD_EXPORT ServiceConfig {
   virtual std::string GetDBInfoVersion() const;
   virtual std::string GetCurVolume() const;
   virtual void SetCurVolume(const std::string& volume) const;
+  // "verify_info": whether the database-info document must carry a valid
+  // signature by a trusted key; false when absent or not a boolean.
+  virtual bool GetVerifyInfo() const;
 
  private:
   std::shared_ptr<Config> config_;

@@ -83,11 +83,11 @@ void Repo::Sql(const std::string& id, int version, const std::string& name,
   ASSERT_EQ(Shell("sqlite3 " + ShellQuote(db) + " " + ShellQuote(sql)), 0) << sql;
 }
 
-int Repo::Publish(const std::vector<std::string>& extra_args) {
+int Repo::Publish(const std::vector<std::string>& extra_args, const std::string& base_url) {
   std::string command = ShellQuote(VESKDBUD_PUBLISH_BIN) + " publish --source " +
                         ShellQuote(source_) + " --out " + ShellQuote(out_) + " --key " +
                         ShellQuote(key_dir_ + "/private.pem") + " --base-url " +
-                        ShellQuote(BaseUrl()) + " --db-ver " + kDbVer;
+                        ShellQuote(base_url.empty() ? BaseUrl() : base_url) + " --db-ver " + kDbVer;
   for (const auto& arg : extra_args)
     command += " " + ShellQuote(arg);
   return Shell(command + " >/dev/null 2>&1");

@@ -37,9 +37,9 @@ class Repo {
   void Sql(const std::string& id, int version, const std::string& name, const std::string& sql);
   std::string SourceDir(const std::string& id, int version) const;
 
-  // Publishes the source tree into the served repository; returns the
-  // publisher's exit status.
-  int Publish(const std::vector<std::string>& extra_args = {});
+  // Publishes the source tree into the served repository, its links below
+  // `base_url` (default BaseUrl()); returns the publisher's exit status.
+  int Publish(const std::vector<std::string>& extra_args = {}, const std::string& base_url = "");
   std::string BaseUrl() const { return server_->url("/repo"); }
   Json::Value Info() const;
   RemoteInfo Remote(const std::string& id) const;
@@ -48,6 +48,8 @@ class Repo {
   const std::string& key_dir() const { return key_dir_; }
   // The published tree, served as BaseUrl().
   const std::string& out_dir() const { return out_; }
+  // The directory served as the server's root ("/repo" is out_dir()).
+  std::string served_dir() const { return out_.substr(0, out_.rfind('/')); }
 
   static constexpr const char* kDbVer = "v1";
 

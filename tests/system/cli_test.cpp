@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <chrono>
+#include <ctime>
+#include <functional>
 #include <thread>
 
 #include "dataupdate/file_lock.h"
+#include "forked_child.h"
 #include "repo_fixture.h"
 
 namespace fs = boost::filesystem;
@@ -222,6 +226,153 @@ TEST_F(CliTest, UpdateFollowsTheDiffChainForceInstallGoesBackAndTheNextUpdateRet
   EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
   EXPECT_EQ(Cli("update db1").out, "db1: updated 20250602 -> 20250603\n");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
+}
+
+// An attacker on the path (or a mirror) serves validly signed but wrong bytes.
+// With "verify_info" each is refused before anything is installed: the files
+// and the recorded status stay as they were, and the honest server is followed
+// again at once.
+TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused) {
+  sandbox.Write("/usr/vesk/etc/data_update/data_update.conf",
+                "{\"config\": {\"verify_info\": true}}");
+  const long long now = static_cast<long long>(std::time(nullptr));
+  repo.SetFile("db1", kV1, "readme.txt", "db1 release one\n");
+  repo.SetFile("db1", kV1, "rules/web.rules", Rules());
+  repo.SetFile("db2", kV1, "list.txt", "db2 release one\n");
+  ASSERT_EQ(repo.Publish({"--issued", std::to_string(now - 600)}), 0);
+  ASSERT_EQ(Cli("update --all").status, 0);
+  const std::string info = repo.out_dir() + "/database_info/v1";
+  const std::string old_info = ReadFile(info), old_signature = ReadFile(info + ".sig");
+  repo.CopyVersion("db1", kV1, kV2);
+  repo.SetFile("db1", kV2, "readme.txt", "db1 release two\n");
+  ASSERT_EQ(repo.Publish({"--issued", std::to_string(now - 300)}), 0);
+  const std::string db1 = repo.out_dir() + "/db1/v20250602/";
+  const std::string status = sandbox.Path("/var/lib/data_update/db1/version.json");
+  const std::string cache = sandbox.Path("/var/cache/data_update/database_info.json");
+  const std::map<std::string, std::string> installed = Snapshot(Installed("db1"));
+  const std::string recorded = ReadFile(status);
+
+  struct Attack {
+    std::string what;
+    std::function<void()> serve;
+    std::string env;    // before the tool
+    std::string error;  // begins the tool's one line
+    bool fetches_packages;
+  };
+  const auto serve = [](const std::string& path, const std::string& content) {
+    return [path, content] { WriteFile(path + ".tmp", content), fs::rename(path + ".tmp", path); };
+  };
+  const std::string db2_full = ReadFile(repo.out_dir() + "/db2/v20250601/full.pkg");
+  const std::string db1_old = ReadFile(repo.out_dir() + "/db1/v20250601/full.pkg");
+  const std::string forged = [&] {
+    std::string text = ReadFile(info);
+    text.replace(text.find("\"20250602\""), 10, "\"2147483647\"");
+    return text;
+  }();
+  const std::vector<Attack> attacks{
+      {"another database's package as the diff and the full package",
+       [&] { serve(db1 + "diff.pkg", db2_full)(), serve(db1 + "full.pkg", db2_full)(); }, "",
+       "veskdbud: package is for db2 20250601 (full), expected db1 20250602 (full)", true},
+      {"an older release as the full package",
+       [&] { fs::remove(db1 + "diff.pkg"), serve(db1 + "full.pkg", db1_old)(); }, "",
+       "veskdbud: package is for db1 20250601 (full), expected db1 20250602 (full)", true},
+      {"the document rewritten", serve(info, forged), "",
+       "veskdbud: Refused database info: bad signature (", false},
+      {"an older signed document replayed",
+       [&] { serve(info, old_info)(), serve(info + ".sig", old_signature)(); }, "",
+       "veskdbud: Refused database info: issued at ", false},
+      {"the clock past the expiry", [] {}, "faketime -f +8d",
+       "veskdbud: Refused database info: expired at ", false},
+  };
+  const TempDir honest;
+  ASSERT_EQ(Shell("cp -a " + ShellQuote(repo.out_dir()) + "/. " + ShellQuote(honest.path())), 0);
+  for (const Attack& attack : attacks) {
+    SCOPED_TRACE(attack.what);
+    ASSERT_EQ(Shell("cp -a " + ShellQuote(honest.path()) + "/. " + ShellQuote(repo.out_dir())), 0);
+    attack.serve();
+    if (Exists(cache))
+      SetAge(cache, 7200);
+    const size_t before = repo.server().Requests().size();
+    const Outcome o = Cli("update db1", attack.env);
+    EXPECT_EQ(o.status, 1);
+    EXPECT_EQ(o.err.rfind(attack.error, 0), 0u) << o.err;
+    EXPECT_EQ(Snapshot(Installed("db1")), installed);
+    EXPECT_EQ(ReadFile(status), recorded);
+    const auto requests = repo.server().Requests();
+    const bool packages =
+        std::any_of(requests.begin() + static_cast<long>(before), requests.end(),
+                    [](const std::string& r) { return r.find(".pkg") != r.npos; });
+    EXPECT_EQ(packages, attack.fetches_packages);
+    EXPECT_TRUE(!Exists(volume + "/@tmp/data_update") ||
+                Snapshot(volume + "/@tmp/data_update").empty());
+  }
+  ASSERT_EQ(Shell("cp -a " + ShellQuote(honest.path()) + "/. " + ShellQuote(repo.out_dir())), 0);
+  SetAge(cache, 7200);
+  const Outcome o = Cli("update --all");
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_EQ(o.out, "db1: updated 20250601 -> 20250602\ndb2: up to date at 20250601\n");
+  EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV2)), "");
+}
+
+// The published tree served over https by nginx with a certificate for
+// "localhost" from a CA of the test's own, trusted through wget's startup file
+// as an appliance would trust a private CA. The same server reached by a name
+// the certificate does not carry is refused.
+TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused) {
+  const TempDir tls;
+  const std::string port = std::to_string(UnusedPort());
+  const std::string make_certificates =
+      "cd " + ShellQuote(tls.path()) +
+      " && openssl req -x509 -newkey ed25519 -nodes -subj /CN=test-ca -days 2 -keyout ca.key"
+      " -out ca.pem"
+      " && openssl req -newkey ed25519 -nodes -subj /CN=localhost -keyout server.key -out "
+      "server.csr"
+      " && printf 'subjectAltName=DNS:localhost\\n' > san"
+      " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2"
+      " -extfile san -out server.pem";
+  ASSERT_EQ(Shell("(" + make_certificates + ") >/dev/null 2>&1"), 0);
+  WriteFile(tls / "nginx.conf",
+            "daemon off; master_process off; pid " + (tls / "nginx.pid") + "; error_log " +
+                (tls / "error.log") + ";\nevents {}\nhttp {\n  access_log off;\n" +
+                "  client_body_temp_path " + (tls / "body") + ";\n" +
+                "  server {\n    listen 127.0.0.1:" + port + " ssl;\n    ssl_certificate " +
+                (tls / "server.pem") + ";\n    ssl_certificate_key " + (tls / "server.key") +
+                ";\n    root " + repo.served_dir() + ";\n  }\n}\n");
+  ForkedChild nginx([&](const ForkedChild::Channel&) {
+    execl("/usr/sbin/nginx", "nginx", "-e", (tls / "error.log").c_str(), "-c",
+          (tls / "nginx.conf").c_str(), static_cast<char*>(nullptr));
+    return 127;
+  });
+  ASSERT_EQ(Shell("bash -c 'for i in $(seq 100); do (exec 3<>/dev/tcp/127.0.0.1/" + port +
+                  ") 2>/dev/null && exit 0; sleep 0.1; done; exit 1'"),
+            0)
+      << ReadFile(tls / "error.log");
+
+  repo.SetFile("db1", kV1, "readme.txt", "db1 over https\n");
+  repo.SetFile("db2", kV1, "list.txt", "db2 over https\n");
+  ASSERT_EQ(repo.Publish({}, "https://localhost:" + port + "/repo"), 0);
+  const auto serve_from = [&](const std::string& host) {
+    sandbox.Write("/usr/share/data_update/data_update.conf",
+                  "{\"config\": {\"download_scheme\": \"https\", \"db_netloc\": \"" + host + ":" +
+                      port + "/repo\", \"db_ver\": \"v1\", \"cur_volume\": \"" + volume + "\"}}");
+  };
+  WriteFile(tls / "wgetrc", "quiet = on\nca_certificate = " + (tls / "ca.pem") + "\n");
+  const std::string trust = "WGETRC=" + ShellQuote(tls / "wgetrc");
+
+  serve_from("127.0.0.1");
+  const Outcome wrong = Cli("update --all", trust);
+  EXPECT_EQ(wrong.status, 1);
+  EXPECT_EQ(
+      wrong.err.rfind("veskdbud: Fail on project 'db1': Fail to wget url: https://127.0.0.1:", 0),
+      0u)
+      << wrong.err;
+  EXPECT_FALSE(Exists(Installed("db1")) && !fs::is_empty(Installed("db1")));
+
+  serve_from("localhost");
+  const Outcome o = Cli("update --all", trust);
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_EQ(o.out, "db1: installed 20250601\ndb2: installed 20250601\n");
+  EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 over https\n");
 }
 
 TEST_F(CliTest, UnknownDatabasesAndUsageErrorsAreOneLineWithTheirStatus) {

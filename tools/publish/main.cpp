@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <map>
 #include <string>
@@ -27,12 +28,18 @@ const char kUsage[] =
     "  veskdbud-publish publish --source SRC --out REPO --key PRIVATE.pem --base-url URL\n"
     "                           --db-ver VER [--key-type N] [--max-diff-ratio R]\n"
     "                           [--deprecated ID]... [--link ID=URL]... [--time SECONDS]\n"
-    "      SRC holds <database id>/<version>/<files...>. Writes REPO/database_info/VER and,\n"
-    "      per database and version, REPO/<id>/v<version>/full.pkg and diff.pkg (from the\n"
-    "      previous version), all signed for key type N (default 6). A diff package larger\n"
-    "      than R times the full package (default 0.5) is not announced. --deprecated marks a\n"
-    "      database deprecated; --link announces another full-package link for a database;\n"
-    "      --time fixes \"last_fetch_time\" and archive times (default: newest source mtime).\n"
+    "                           [--valid-days N] [--issued SECONDS]\n"
+    "      SRC holds <database id>/<version>/<files...>. Writes REPO/database_info/VER, its\n"
+    "      signature REPO/database_info/VER.sig and, per database and version,\n"
+    "      REPO/<id>/v<version>/full.pkg and diff.pkg (from the previous version), all signed\n"
+    "      for key type N (default 6). A diff package larger than R times the full package\n"
+    "      (default 0.5) is not announced. --deprecated marks a database deprecated; --link\n"
+    "      announces another full-package link for a database; --time fixes\n"
+    "      \"last_fetch_time\" and archive times (default: newest source mtime). The document's\n"
+    "      signature is issued at --issued (default: now) and expires N days later (default 7).\n"
+    "  veskdbud-publish resign --out REPO --key PRIVATE.pem [--key-type N] [--valid-days N]\n"
+    "                          [--issued SECONDS]\n"
+    "      Signs every document of REPO/database_info anew, without touching a package.\n"
     "  veskdbud-publish --help\n"
     "Exit status: 0 success, 1 failure, 2 usage error.\n";
 
@@ -101,9 +108,39 @@ int Keygen(const std::multimap<std::string, std::string>& options) {
   return 0;
 }
 
+struct Validity {
+  std::int64_t issued;
+  int valid_days;
+};
+
+Validity ParseValidity(const std::multimap<std::string, std::string>& options) {
+  Validity v{};
+  v.valid_days = static_cast<int>(
+      Number("--valid-days", Single(options, "--valid-days", false, "7"), 1, 3650));
+  v.issued = options.count("--issued") != 0
+                 ? Number("--issued", Single(options, "--issued", false), 0, INT64_MAX / 2)
+                 : static_cast<std::int64_t>(std::time(nullptr));
+  return v;
+}
+
+int ResignCommand(const std::multimap<std::string, std::string>& options) {
+  CheckKnown(options, {"--out", "--key", "--key-type", "--valid-days", "--issued"});
+  vesk::publish::ResignOptions o;
+  o.out = Single(options, "--out", true);
+  o.key_path = Single(options, "--key", true);
+  o.key_type = static_cast<std::uint32_t>(
+      Number("--key-type", Single(options, "--key-type", false, "6"), 0, INT32_MAX));
+  const Validity validity = ParseValidity(options);
+  o.issued = validity.issued;
+  o.valid_days = validity.valid_days;
+  vesk::publish::Resign(o, std::cout);
+  return 0;
+}
+
 int PublishCommand(const std::multimap<std::string, std::string>& options) {
-  CheckKnown(options, {"--source", "--out", "--key", "--base-url", "--db-ver", "--key-type",
-                       "--max-diff-ratio", "--deprecated", "--link", "--time"});
+  CheckKnown(options,
+             {"--source", "--out", "--key", "--base-url", "--db-ver", "--key-type",
+              "--max-diff-ratio", "--deprecated", "--link", "--time", "--valid-days", "--issued"});
   vesk::publish::PublishOptions o;
   o.source = Single(options, "--source", true);
   o.out = Single(options, "--out", true);
@@ -127,6 +164,9 @@ int PublishCommand(const std::multimap<std::string, std::string>& options) {
   }
   if (options.count("--time") != 0)
     o.time = Number("--time", Single(options, "--time", false), 0, INT32_MAX);
+  const Validity validity = ParseValidity(options);
+  o.issued = validity.issued;
+  o.valid_days = validity.valid_days;
   vesk::publish::Publish(o, std::cout, std::cerr);
   return 0;
 }
@@ -150,6 +190,8 @@ int main(int argc, char** argv) {
       return Keygen(options);
     if (command == "publish")
       return PublishCommand(options);
+    if (command == "resign")
+      return ResignCommand(options);
     throw UsageError("unknown command " + command);
   } catch (const UsageError& e) {
     std::cerr << "veskdbud-publish: " << e.what() << "\n" << kUsage;
