@@ -49,7 +49,7 @@ void CopyThenSwitch(ServiceConfig& config, Json::Value record) {
     if (Exists(from)) {
       // cp, not mv: mv between file systems removes the source as it goes, so
       // a killed move would leave two partial copies.
-      if (VLIBCExec("/bin/cp", "-a", from.c_str(), temp.c_str(), nullptr) < 0)
+      if (VLIBCExec("/bin/cp", "-aT", from.c_str(), temp.c_str(), nullptr) < 0)
         throw std::runtime_error("Failed to move databases.");
     } else {
       fs::create_directories(temp);

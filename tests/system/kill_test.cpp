@@ -322,6 +322,41 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   update();
   EXPECT_EQ(log.Matching("is not a directory").size(), 1u);
   ExpectInstalled(4);
+
+  // 9. The databases moving to another volume, killed while they are copied
+  // (a large file beside them makes the copy last): no partial copy takes the
+  // main directory's name, and the next volume event completes the move.
+  const std::string second = sandbox / "volume2";
+  fs::create_directories(second);
+  ScopedEnv volumes("VESK_VOLUMES", (volume + ":" + second).c_str());
+  const std::string old_main = volume + "/@database/autoupdate";
+  const std::string new_main = second + "/@database/autoupdate";
+  WriteFile(old_main + "/ballast.bin", std::string(64 << 20, 'b'));
+  const auto unmount = [&] { service.volumes.UnmountVolumeEvent(volume); };
+  bool killed = false;
+  for (int attempt = 0; attempt < 5 && !killed; ++attempt) {
+    killed = KillWhen(unmount, [&] { return Exists(second + "/@database/.autoupdate.moving"); }) &&
+             !Exists(new_main);
+    EndOrphans();
+    if (!killed && Exists(new_main)) {  // too late: put everything back
+      fs::remove_all(old_main);
+      fs::rename(new_main, old_main);
+      fs::remove_all(sandbox.Path("/var/lib/data_update/journal"));
+      service.config->SetCurVolume(volume);
+    }
+  }
+  ASSERT_TRUE(killed) << "no kill came while the databases were copied";
+  EXPECT_EQ(HeldLocks(), "");
+  EndOrphans();  // the killed run's copy
+  EXPECT_EQ(CompareTrees(old_main + "/db1", repo.SourceDir("db1", kFirst + 4), true), "");
+  unmount();  // run again: the recorded move is completed
+  EXPECT_EQ(service.config->GetCurVolume(), second);
+  EXPECT_FALSE(Exists(old_main));
+  EXPECT_EQ(log.Matching("Completed an unfinished step: move of").size(), 1u);
+  fs::remove(new_main + "/ballast.bin");
+  volume = second;
+  update();
+  ExpectInstalled(4);
 }
 
 }  // namespace
