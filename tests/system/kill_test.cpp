@@ -233,7 +233,7 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   // installed one stays whole, damage and all, and the next repair sees it.
   WriteFile(Prefix("db1") + "/readme.txt", "damaged");
   ASSERT_TRUE(KillDuring(
-      fix, [&] { return Exists(Staging("readme.txt")); },
+      fix, [&] { return Exists(Staging()); },
       [&] { return ReadFile(Prefix("db1") + "/readme.txt") == "damaged"; }))
       << "no kill came while the new tree was built";
   ExpectKilledCleanly(kFirst);
@@ -266,8 +266,7 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   const std::string readme = Prefix("db1") + "/readme.txt";
   const std::string release1 = ReadFile(readme);
   ASSERT_TRUE(KillDuring(
-      update, [&] { return Exists(Staging("readme.txt")); },
-      [&] { return ReadFile(readme) == release1; }))
+      update, [&] { return Exists(Staging()); }, [&] { return ReadFile(readme) == release1; }))
       << "no kill came while the new tree was built";
   ExpectKilledCleanly(kFirst + 1);
   EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
