@@ -113,6 +113,26 @@ inline constexpr Site kUpdateFailed{LOG_INFO, "update.cpp", 272, "Update %s fail
 inline constexpr Site kFixDone{LOG_WARNING, "update.cpp", 299, "Fix %s completed and succeed"};
 inline constexpr Site kFixFailed{LOG_INFO, "update.cpp", 301, "Fix %s fail: %s"};
 
+// manifest.cpp, journal.cpp, staged_tree.cpp (this library's own lines)
+inline constexpr Site kManifestNotOfRelease{LOG_WARNING, "manifest.cpp", 40,
+                                            "Manifest %s is not that of release %d"};
+inline constexpr Site kManifestUnreadable{LOG_WARNING, "manifest.cpp", 55, "Manifest unusable: %s"};
+inline constexpr Site kFileSizeMismatch{LOG_ERR, "manifest.cpp", 95, "File %s size check fail"};
+inline constexpr Site kFileNotOfRelease{LOG_ERR, "manifest.cpp", 125,
+                                        "File %s is not part of the installed release"};
+inline constexpr Site kManifestCheckFailed{
+    LOG_WARNING, "update.cpp", 290, "%s installed files do not match the manifest, reinstall"};
+inline constexpr Site kInstallNotADirectory{LOG_WARNING, "staged_tree.cpp", 40,
+                                            "%s is not a directory, replacing it by one"};
+inline constexpr Site kJournalCompleted{LOG_WARNING, "journal.cpp", 80,
+                                        "Completed an unfinished step: %s"};
+inline constexpr Site kJournalUndone{LOG_WARNING, "journal.cpp", 85,
+                                     "Undid an unfinished step: %s"};
+inline constexpr Site kJournalFailed{LOG_ERR, "journal.cpp", 90,
+                                     "Fail to recover the unfinished step %s: %s"};
+inline constexpr Site kLeftOverRemoved{LOG_WARNING, "journal.cpp", 95,
+                                       "Removed what a killed run left: %s"};
+
 // Bare line, no "%s:%d " prefix.
 inline constexpr Site kHwidFailed{LOG_ERR, nullptr, 0, "Failed to init hwid context"};
 

@@ -25,6 +25,7 @@
 #include "file_copy.h"
 #include "log_sites.h"
 #include "package_binding.h"
+#include "staged_tree.h"
 #include "vesk/root.h"
 #include "vlib/vlibc.h"
 
@@ -33,14 +34,8 @@ namespace fs = boost::filesystem;
 namespace vesk::dataupdate {
 namespace {
 
-constexpr unsigned int kUsingLockTimeout = 600;
-
 std::string TmpRoot(const std::string& volume) {
   return (NoexceptFormat("%s/@tmp/data_update") % volume).str();
-}
-
-std::string UsingLockPath(const std::string& id) {
-  return platform::RootPath((NoexceptFormat("/run/data_update/using_%s.lock") % id).str());
 }
 
 // Left-overs of a run that was killed part-way must not leak into this one.
@@ -334,24 +329,23 @@ void FullStrategy::_CalModifyInfo() {
 }
 
 void FullStrategy::ApplyUpdate() {
-  IOUtils io;
   bool not_override = false;
   try {
-    FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
-    io.IterateDirectory(
-        install_prefix_, [&io](const std::string& path) { io.RmRf(path); }, false);
-    // After the emptying, which removes links (not what they point to), so a
-    // link left in the directory cannot block the reinstall that removes it.
-    CheckTargetsInside(modify_infos_, install_prefix_);
+    // The new tree is built whole beside the installed one and then takes its
+    // place in one step; readers holding the use lock see one or the other.
+    StagedTree tree(id_, install_prefix_);
+    CheckTargetsInside(modify_infos_, tree.path());
     for (const auto& [name, info] : modify_infos_) {
       if (info.operation != ModifyInfo::kOverride) {
         not_override = true;
         break;
       }
-      const fs::path target = fs::path(install_prefix_) / name;
+      const fs::path target = fs::path(tree.path()) / name;
       fs::create_directories(target.parent_path());
       PlaceFile(info.path, target, true);  // one target per extracted file
     }
+    if (!not_override)
+      tree.Exchange();
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
   }
@@ -579,12 +573,16 @@ long long DiffStrategy::GetDeltaSize() const {
 
 void DiffStrategy::ApplyUpdate() {
   try {
-    FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
     CheckTargetsInside(modify_infos_, install_prefix_);
+    // The new release is the installed tree (hard links, so cheap) with the
+    // prepared files put in place, exchanged with the installed tree in one
+    // step.
+    StagedTree tree(id_, install_prefix_);
+    tree.LinkInstalledFiles();
     for (const auto& entry : modify_infos_) {
-      const fs::path installed = fs::path(install_prefix_) / entry.first;
-      if (fs::exists(fs::symlink_status(installed)))
-        fs::remove(installed);
+      const fs::path staged = fs::path(tree.path()) / entry.first;
+      if (fs::exists(fs::symlink_status(staged)))
+        fs::remove(staged);  // a link to the installed file: never written through
     }
     // Two names can share one prepared file ("a.b" and "a_b" flatten alike).
     std::map<std::string, int> readers;
@@ -595,10 +593,11 @@ void DiffStrategy::ApplyUpdate() {
     for (const auto& [name, info] : modify_infos_) {
       if (info.operation != ModifyInfo::kOverride)
         continue;
-      const fs::path installed = fs::path(install_prefix_) / name;
-      fs::create_directories(installed.parent_path());
-      PlaceFile(info.path, installed, readers[info.path] == 1);
+      const fs::path staged = fs::path(tree.path()) / name;
+      fs::create_directories(staged.parent_path());
+      PlaceFile(info.path, staged, readers[info.path] == 1);
     }
+    tree.Exchange();
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to diff update: ") + e.what());
   }
@@ -633,6 +632,7 @@ ForceInstallByLink::ForceInstallByLink(const std::string& id, const std::string&
       any_version_(false) {}
 
 ForceInstallByLink::~ForceInstallByLink() {
+  staged_.reset();  // an unexchanged staging tree and its record go
   IOUtils io;
   if (!tarball_path_.empty()) {
     try {
@@ -654,16 +654,34 @@ void ForceInstallByLink::PrepareUpdate() {
   io.VeskMkdir(TmpRoot(volume_));
   io.Download(tarball_path_, download_link_);
   io.VeskMkdir(install_prefix_);
+  // Extracted whole beside the installed tree, as a full install is, so that
+  // no file of another release stays.
+  staged_ = std::make_unique<StagedTree>(id_, install_prefix_);
+  const ExpectedBinding expected{id_, data_version_, true, -1, any_version_};
+  ExtractBoundPackage(tarball_path_, staged_->path(), &expected);
+  try {
+    const fs::path base(staged_->path());
+    for (fs::recursive_directory_iterator it(base), end; it != end; ++it) {
+      if (!fs::is_directory(it->symlink_status()))
+        files_.insert(it->path().lexically_relative(base).string());
+    }
+  } catch (const fs::filesystem_error& e) {
+    throw UpdateError(std::string("Fail to calculate modify info: ") + e.what());
+  }
 }
 
 void ForceInstallByLink::ApplyUpdate() {
   try {
-    FileLock lock(UsingLockPath(id_), kUsingLockTimeout);
-    const ExpectedBinding expected{id_, data_version_, true, -1, any_version_};
-    ExtractBoundPackage(tarball_path_, install_prefix_, &expected);
+    if (!staged_)
+      throw UpdateError("nothing prepared");
+    staged_->Exchange();
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to force install: ") + e.what());
   }
+}
+
+std::set<std::string> ForceInstallByLink::GetModifiedFiles() const {
+  return files_;
 }
 
 }  // namespace vesk::dataupdate

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <cstdio>
 #include <new>
 #include <optional>
@@ -14,11 +15,15 @@
 #include "dataupdate/strategy.h"
 #include "dataupdate/volume_handler.h"
 #include "info_document.h"
+#include "journal.h"
 #include "log_sites.h"
+#include "manifest.h"
+#include "staged_tree.h"
 #include "unique_fd.h"
 #include "vesk/crypto_hwid.h"
 #include "vesk/root.h"
 #include "vlib/vlibc.h"
+#include "volume_move.h"
 
 namespace vesk::dataupdate {
 namespace {
@@ -182,6 +187,28 @@ std::string ReplaceAll(std::string text, const std::string& from, const std::str
   return text;
 }
 
+// What a killed run left, finished or removed before this run does anything
+// (the caller holds "update_any.lock", so no other run is under way): the
+// exchanges in the journal, and the temporary area of the current volume,
+// also when there turns out to be nothing to update.
+void FinishWhatKilledRunsLeft(ServiceConfig& config) {
+  ResumeVolumeMove(config);
+  RecoverStagedTrees();
+  const std::string volume = config.GetCurVolume();
+  if (volume.empty())
+    return;
+  const std::string tmp = (NoexceptFormat("%s/@tmp/data_update") % volume).str();
+  boost::system::error_code ec;
+  if (boost::filesystem::exists(tmp, ec) && !boost::filesystem::is_empty(tmp, ec)) {
+    try {
+      IOUtils().RmRf(tmp);
+      log::Write(log::site::kLeftOverRemoved, tmp);
+    } catch (const UpdateError& e) {
+      log::Write(log::site::kJournalFailed, tmp, std::string(e.what()));
+    }
+  }
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- InfoGetter
@@ -333,9 +360,10 @@ void Update::UpdateProject(const std::string& id) const {
     config_->CheckSupported(id);
     FileLock any_lock(UpdateAnyLock(), kLockTimeout);
     FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+    FinishWhatKilledRunsLeft(*config_);
 
-    // The up-to-date test needs the installed version only; the recorded
-    // files are read when an update follows.
+    // The up-to-date test needs the installed version and the cheap check of
+    // the manifest; the recorded files are read when an update follows.
     std::optional<DatabaseStatus> status;
     std::optional<int> installed = info_getter_->QuickInstalledVersion(id);
     if (!installed) {
@@ -346,9 +374,17 @@ void Update::UpdateProject(const std::string& id) const {
     const std::map<int, DiffInfo> diffs = info_getter_->GetDiffInfos(id);
     const std::shared_ptr<DatabaseConfig> database = config_->GetDatabaseConfig(id);
 
+    const std::string install_prefix = database->GetInstallPrefix();
+    bool reinstall = false;
     if (*installed >= remote.data_version) {
-      log::Write(log::site::kUpToDate, id);
-      return;
+      RemoveNonDirectory(install_prefix);
+      const std::optional<Manifest> manifest = ReadStoredManifest(id, *installed);
+      if (manifest && ManifestHolds(*manifest, install_prefix)) {
+        log::Write(log::site::kUpToDate, id);
+        return;
+      }
+      log::Write(log::site::kManifestCheckFailed, id);
+      reinstall = true;
     }
     if (!status)
       status = info_getter_->GetDatabaseStatus(id);
@@ -358,8 +394,10 @@ void Update::UpdateProject(const std::string& id) const {
       return;
     }
     const std::string volume = config_->GetCurVolume();
-    const std::string install_prefix = database->GetInstallPrefix();
     const std::string root_directory = database->GetRootDirectory();
+    RemoveNonDirectory(install_prefix);
+    if (reinstall)
+      status->data_version = -1;  // no diff chain from files that do not match
 
     const DatabaseStatus updated =
         updater_->Update(id, *status, remote, diffs, volume, install_prefix, root_directory);
@@ -376,6 +414,7 @@ void Update::FixProject(const std::string& id) const {
     config_->CheckSupported(id);
     FileLock any_lock(UpdateAnyLock(), kLockTimeout);
     FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+    FinishWhatKilledRunsLeft(*config_);
 
     const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
     const RemoteInfo remote = info_getter_->GetRemoteInfo(id);
@@ -384,6 +423,7 @@ void Update::FixProject(const std::string& id) const {
     const std::string install_prefix = database->GetInstallPrefix();
     const std::string root_directory = database->GetRootDirectory();
 
+    RemoveNonDirectory(install_prefix);
     Fixer fixer(id, remote, volume, install_prefix, root_directory);
     if (!fixer.IsFixNeeded(status))
       return;
@@ -398,6 +438,7 @@ void Update::FixProject(const std::string& id) const {
 void Update::ForceInstall(const std::string& id, int version) const {
   FileLock any_lock(UpdateAnyLock(), kLockTimeout);
   FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+  FinishWhatKilledRunsLeft(*config_);
 
   RemoteInfo remote = info_getter_->GetRemoteInfo(id);
   const int current = remote.data_version;
@@ -413,9 +454,11 @@ void Update::ForceInstall(const std::string& id, int version) const {
   const std::string volume = config_->GetCurVolume();
   const std::string install_prefix = database->GetInstallPrefix();
 
+  RemoveNonDirectory(install_prefix);
   ForceInstallByLink strategy(id, remote.download_link, remote.data_version, volume, install_prefix,
                               "/");
   strategy.PrepareUpdate();
+  RemoveStoredManifest(id);
   strategy.ApplyUpdate();
   const std::set<std::string> files = strategy.GetModifiedFiles();
 
@@ -423,6 +466,8 @@ void Update::ForceInstall(const std::string& id, int version) const {
   status.data_version = target;
   status.last_fetch_time = remote.last_fetch_time;
   status.file_statuses = CalculateStatus(files, database->GetInstallPrefix());
+  // The whole tree was installed: its files are exactly those digested.
+  WriteStoredManifest(id, target, ManifestFromStatuses(status.file_statuses, install_prefix));
   info_getter_->SetDatabaseStatus(id, status);
 }
 
@@ -460,6 +505,13 @@ void InitService() {
   auto service_config = std::make_shared<ServiceConfig>(config);
   VolumeHandler handler(service_config);
   handler.InitVolume();
+  // Exchanges a killed run left are finished now unless a run is under way
+  // (which finishes them itself).
+  try {
+    FileLock any_lock(UpdateAnyLock(), 0);
+    RecoverStagedTrees();
+  } catch (const UpdateError&) {
+  }
 }
 
 }  // namespace vesk::dataupdate

@@ -5,7 +5,9 @@
 #include <boost/filesystem.hpp>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "dataupdate/io_utils.h"
 #include "dataupdate/strategy.h"
 #include "log_sites.h"
+#include "manifest.h"
 
 namespace fs = boost::filesystem;
 
@@ -45,17 +48,46 @@ std::string DigestOf(const std::string& path) {
   return GetSha384(file);
 }
 
+// The manifest of the release a strategy installed, from the digests the
+// status calculation made: one producer per strategy.
+using ManifestProducer = std::function<Manifest(const std::map<std::string, FileStatus>& statuses)>;
+
+// A whole tree installed: its files are exactly those digested.
+ManifestProducer WholeTreeManifest(const std::string& install_prefix) {
+  return [install_prefix](const std::map<std::string, FileStatus>& statuses) {
+    return ManifestFromStatuses(statuses, install_prefix);
+  };
+}
+
+// A diff chain: the installed release's manifest with the chain's changes.
+ManifestProducer ChainManifest(Manifest previous, std::set<std::string> modified,
+                               const std::string& install_prefix) {
+  return [previous = std::move(previous), modified = std::move(modified),
+          install_prefix](const std::map<std::string, FileStatus>& statuses) {
+    Manifest manifest = previous;
+    for (const std::string& name : modified)
+      manifest.erase(!name.empty() && name[0] == '/' ? name.substr(1) : name);
+    for (auto& entry : ManifestFromStatuses(statuses, install_prefix))
+      manifest[entry.first] = std::move(entry.second);
+    return manifest;
+  };
+}
+
 // The prepared strategy replaces the installed files between the pre and post
 // hooks; the status to record lists the files it modified with fresh digests.
+// The stored manifest is removed before the files change and the new one is
+// written after, before the caller writes the status: a run killed between
+// leaves no manifest of the status's release, and the next run reinstalls.
 // The update route logs the apply step, the repair route does not.
 DatabaseStatus ApplyWithHooks(BaseStrategy& strategy, const std::string& id,
                               const RemoteInfo& remote_info, const std::string& install_prefix,
-                              bool log_apply) {
+                              bool log_apply, const ManifestProducer& manifest_of) {
   const std::set<std::string> files = strategy.GetModifiedFiles();
   UpdateHook hook(id, files);
   hook.ExecPre();
   if (log_apply)
     log::Write(log::site::kApplyUpdate, id);
+  RemoveStoredManifest(id);
   strategy.ApplyUpdate();
   hook.ExecPost();
 
@@ -63,6 +95,7 @@ DatabaseStatus ApplyWithHooks(BaseStrategy& strategy, const std::string& id,
   result.data_version = remote_info.data_version;
   result.last_fetch_time = remote_info.last_fetch_time;
   result.file_statuses = CalculateStatus(files, install_prefix);
+  WriteStoredManifest(id, result.data_version, manifest_of(result.file_statuses));
   return result;
 }
 
@@ -144,23 +177,33 @@ DatabaseStatus Updater::Update(const std::string& id, const DatabaseStatus& stat
                                const std::map<int, DiffInfo>& diff_infos, const std::string& volume,
                                const std::string& install_prefix,
                                const std::string& root_directory) const {
+  // A diff chain starts from the installed release, which only its manifest
+  // vouches for: without one the chain is not taken.
+  std::optional<Manifest> installed;
+  if (status.data_version >= 0)
+    installed = ReadStoredManifest(id, status.data_version);
   // Diff first; only an UpdateError from its construction or preparation falls
   // back to the whole package.
   std::shared_ptr<BaseStrategy> strategy;
+  ManifestProducer manifest_of;
   try {
     log::Write(log::site::kPrepareDiff, id);
+    if (!installed)
+      throw UpdateError("No sufficient diff patched");
     strategy = std::make_shared<DiffStrategy>(id, status, remote_info, diff_infos, volume,
                                               install_prefix, root_directory);
     strategy->PrepareUpdate();
+    manifest_of = ChainManifest(*installed, strategy->GetModifiedFiles(), install_prefix);
   } catch (const UpdateError& e) {
     strategy =
         std::make_shared<FullStrategy>(id, remote_info, volume, install_prefix, root_directory);
     log::Write(log::site::kDiffFellBack, std::string(e.what()));
     log::Write(log::site::kPrepareFull, id);
     strategy->PrepareUpdate();
+    manifest_of = WholeTreeManifest(install_prefix);
   }
 
-  return ApplyWithHooks(*strategy, id, remote_info, install_prefix, true);
+  return ApplyWithHooks(*strategy, id, remote_info, install_prefix, true, manifest_of);
 }
 
 // --------------------------------------------------------------------- Fixer
@@ -178,8 +221,20 @@ bool Fixer::IsFixNeeded(const DatabaseStatus& status) const {
     log::Write(log::site::kNeverInstalled, id_);
     return true;
   }
-  if (CheckStatus(status.file_statuses, install_prefix_))
-    return false;
+  // The status lists the files the last step wrote; the manifest, every file
+  // of the release (missing, changed and extra files).
+  const std::optional<Manifest> manifest = ReadStoredManifest(id_, status.data_version);
+  if (manifest && CheckStatus(status.file_statuses, install_prefix_)) {
+    std::set<std::string> verified;
+    for (const auto& [name, file] : status.file_statuses) {
+      const std::string relative = !name.empty() && name[0] == '/' ? name.substr(1) : name;
+      const auto listed = manifest->find(relative);
+      if (listed != manifest->end() && listed->second.sha384 == file.sha384_digest)
+        verified.insert(relative);
+    }
+    if (ManifestMatchesTree(*manifest, install_prefix_, verified))
+      return false;
+  }
   log::Write(log::site::kFileCheckFailed, id_);
   return true;
 }
@@ -188,7 +243,8 @@ DatabaseStatus Fixer::Fix() const {
   log::Write(log::site::kTryFix, id_);
   FullStrategy strategy(id_, remote_info_, volume_, install_prefix_, root_directory_);
   strategy.PrepareUpdate();
-  return ApplyWithHooks(strategy, id_, remote_info_, install_prefix_, false);
+  return ApplyWithHooks(strategy, id_, remote_info_, install_prefix_, false,
+                        WholeTreeManifest(install_prefix_));
 }
 
 }  // namespace vesk::dataupdate

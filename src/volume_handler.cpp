@@ -1,16 +1,24 @@
 #include "dataupdate/volume_handler.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <boost/filesystem.hpp>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
+#include "journal.h"
 #include "log_sites.h"
+#include "unique_fd.h"
 #include "vesk/mount_vol.h"
 #include "vlib/vlibc.h"
+#include "volume_move.h"
 
 namespace fs = boost::filesystem;
 
@@ -22,7 +30,66 @@ struct VolumeListFree {
 };
 using VolumeList = std::unique_ptr<VESKVolInfo, VolumeListFree>;
 
+constexpr char kMoveRecord[] = "volume_move";
+
+bool Exists(const std::string& path) {
+  boost::system::error_code ec;
+  return fs::exists(fs::symlink_status(path, ec));
+}
+
+// The copy is made under a temporary name on the new volume, flushed there,
+// and only then renamed into place and recorded: a partial copy never carries
+// the main directory's name. The old copy goes last.
+void CopyThenSwitch(ServiceConfig& config, Json::Value record) {
+  const std::string from = record["from"].asString();
+  const std::string to = record["to"].asString();
+  const std::string temp = record["temp"].asString();
+  if (record["state"].asString() != "copied") {
+    IOUtils().RmRf(temp);
+    if (Exists(from)) {
+      // cp, not mv: mv between file systems removes the source as it goes, so
+      // a killed move would leave two partial copies.
+      if (VLIBCExec("/bin/cp", "-aT", from.c_str(), temp.c_str(), nullptr) < 0)
+        throw std::runtime_error("Failed to move databases.");
+    } else {
+      fs::create_directories(temp);
+    }
+    UniqueFd dir(open(temp.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir || syncfs(dir.get()) != 0)
+      throw std::runtime_error("Failed to move databases.");
+    record["state"] = "copied";
+    journal::Write(kMoveRecord, record);
+  }
+  if (Exists(temp) && !Exists(to) && std::rename(temp.c_str(), to.c_str()) != 0)
+    throw std::runtime_error("Failed to move databases.");
+  config.SetCurVolume(record["to_volume"].asString());
+  IOUtils().RmRf(from);
+  journal::Remove(kMoveRecord);
+}
+
 }  // namespace
+
+void ResumeVolumeMove(ServiceConfig& config) {
+  const std::optional<Json::Value> record = journal::Read(kMoveRecord);
+  if (!record)
+    return;
+  const std::string what =
+      "move of " + (*record)["from"].asString() + " to " + (*record)["to"].asString();
+  try {
+    const bool copied = (*record)["state"].asString() == "copied";
+    // A copy cut short is made again while the old one is there to copy.
+    if (copied || Exists((*record)["from"].asString())) {
+      CopyThenSwitch(config, *record);
+      log::Write(log::site::kJournalCompleted, what);
+    } else {
+      IOUtils().RmRf((*record)["temp"].asString());
+      journal::Remove(kMoveRecord);
+      log::Write(log::site::kJournalUndone, what);
+    }
+  } catch (const std::exception& e) {
+    log::Write(log::site::kJournalFailed, what, std::string(e.what()));
+  }
+}
 
 VolumeHandler::VolumeHandler(std::shared_ptr<ServiceConfig> config) : config_(std::move(config)) {}
 
@@ -81,6 +148,7 @@ void VolumeHandler::CreateDirectories(const std::string& path) const {
 }
 
 void VolumeHandler::InitVolume() const {
+  ResumeVolumeMove(*config_);
   try {
     if (!config_->GetCurVolume().empty())
       return;
@@ -96,6 +164,7 @@ void VolumeHandler::InitVolume() const {
 }
 
 void VolumeHandler::MountVolumeEvent(const std::string& mount_path) const {
+  ResumeVolumeMove(*config_);
   try {
     if (!config_->GetCurVolume().empty()) {
       log::Write(log::site::kMountIgnored, mount_path);
@@ -117,6 +186,7 @@ void VolumeHandler::MountVolumeEvent(const std::string& mount_path) const {
 }
 
 void VolumeHandler::UnmountVolumeEvent(const std::string& mount_path) const {
+  ResumeVolumeMove(*config_);
   try {
     const std::string current = config_->GetCurVolume();
     if (current != mount_path) {
@@ -132,11 +202,16 @@ void VolumeHandler::UnmountVolumeEvent(const std::string& mount_path) const {
 
     if (fs::exists(fs::symlink_status(new_main)))
       fs::remove(new_main);
-    CreateDirectories(new_main.substr(0, new_main.rfind('/')));
-    if (VLIBCExec("/bin/mv", old_main.c_str(), new_main.c_str(), nullptr, nullptr) < 0) {
-      throw std::runtime_error("Failed to move databases.");
-    }
-    config_->SetCurVolume(new_volume);
+    const std::string parent = new_main.substr(0, new_main.rfind('/'));
+    CreateDirectories(parent);
+    Json::Value record(Json::objectValue);
+    record["from"] = old_main;
+    record["to"] = new_main;
+    record["temp"] = parent + "/.autoupdate.moving";
+    record["to_volume"] = new_volume;
+    record["state"] = "copying";
+    journal::Write(kMoveRecord, record);
+    CopyThenSwitch(*config_, record);
   } catch (const UpdateError& e) {
     log::Write(log::site::kUpdatesDisabled, std::string(e.what()));
   } catch (const std::exception& e) {

@@ -9,10 +9,15 @@
 //
 //   FullStrategy        the whole signed package replaces the install directory
 //   DiffStrategy        one diff package per version, applied in ascending order
-//   ForceInstallByLink  a given package is unpacked over the installed files
+//   ForceInstallByLink  a given package replaces the install directory
+//
+// Every strategy builds the new tree beside the install directory, on its
+// file system, and exchanges the two in one step under the "using" lock, so
+// the install directory holds one whole release at every moment.
 #pragma once
 
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -20,6 +25,8 @@
 #include "dataupdate/records.h"
 
 namespace vesk::dataupdate {
+
+class StagedTree;
 
 // What a strategy will do with one file, keyed by the file's name relative to
 // the install directory.
@@ -60,7 +67,7 @@ class VESKDBUD_EXPORT FullStrategy : public BaseStrategy {
   FullStrategy& operator=(const FullStrategy&) = delete;
 
   void PrepareUpdate() override;
-  // Empties the install directory, then copies in every file of the package.
+  // Builds the package's tree beside the install directory, then exchanges them.
   void ApplyUpdate() override;
   std::set<std::string> GetModifiedFiles() const override;
   long long GetDeltaSize() const override;
@@ -131,9 +138,12 @@ class VESKDBUD_EXPORT ForceInstallByLink : public BaseStrategy {
   ForceInstallByLink(const ForceInstallByLink&) = delete;
   ForceInstallByLink& operator=(const ForceInstallByLink&) = delete;
 
+  // Downloads the package and extracts it beside the install directory.
   void PrepareUpdate() override;
-  // Extracts the package over the installed files; files it lacks stay.
+  // Exchanges the extracted tree with the install directory.
   void ApplyUpdate() override;
+  // Every file of the package.
+  std::set<std::string> GetModifiedFiles() const override;
 
  private:
   std::string id_;
@@ -144,6 +154,8 @@ class VESKDBUD_EXPORT ForceInstallByLink : public BaseStrategy {
   std::string tarball_path_;
   int data_version_ = 0;
   bool any_version_ = true;  // built from a link alone
+  std::unique_ptr<StagedTree> staged_;
+  std::set<std::string> files_;
 };
 
 }  // namespace vesk::dataupdate

@@ -39,6 +39,7 @@ std::map<std::string, std::string> FilesOutside(const std::string& root,
   const std::string skip = fs::path(inside).lexically_relative(root).string() + "/";
   for (auto it = files.begin(); it != files.end();)
     it = it->first.compare(0, skip.size(), skip) == 0 ? files.erase(it) : std::next(it);
+  files.erase("var/lib/data_update/db1/manifest.json");  // the library's own record
   return files;
 }
 
@@ -70,6 +71,9 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
   const std::string prefix = Prefix("db1");
   DatabaseStatus one = Updater().Update("db1", DatabaseStatus{-1, 0, {}}, repo.Remote("db1"), {},
                                         volume, prefix, volume);
+  // Each diff below starts from release 1 again, which its manifest vouches for.
+  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  const std::string manifest_one = ReadFile(manifest);
   repo.CopyVersion("db1", 1, 2);
   repo.SetFile("db1", 2, "readme.txt", "two\n");
   ASSERT_EQ(repo.Publish(), 0);
@@ -171,6 +175,7 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
                                                "' AS evil;\nCREATE TABLE evil.t(x);\n"),
             FileEntry("vacuum.sqlitediff", "VACUUM INTO '" + (sandbox / "vacuumed.db") + "';\n")});
     log.Clear();
+    WriteFile(manifest, manifest_one);
     const DatabaseStatus two =
         Updater().Update("db1", one, repo.Remote("db1"), diffs, volume, prefix, volume);
     EXPECT_EQ(log.Matching("Diff update fail"),
@@ -189,6 +194,7 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
   const auto diffs = CraftedDiff(2, {FileEntry("patch_infos.json", entry(odd, "create", "new.txt")),
                                      FileEntry("new.txt", "new")});
   log.Clear();
+  WriteFile(manifest, manifest_one);
   Updater().Update("db1", one, repo.Remote("db1"), diffs, volume, prefix, volume);
   EXPECT_EQ(log.Matching("Diff update fail"), std::vector<std::string>{});
   EXPECT_EQ(ReadFile(prefix + odd), "new");
@@ -204,6 +210,7 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
       CraftedDiff(2, {FileEntry("patch_infos.json", entry("/sub/table.txt", "create", "new.txt")),
                       FileEntry("new.txt", "new")});
   log.Clear();
+  WriteFile(manifest, manifest_one);
   Updater().Update("db1", one, repo.Remote("db1"), below_link, volume, prefix, volume);
   EXPECT_EQ(
       log.Matching("Diff update fail"),
@@ -223,6 +230,7 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
                         " && ln -s " + ShellQuote(outside) + " " + ShellQuote(prefix + "/sub") +
                         "\n");
   ASSERT_EQ(Shell("chmod +x " + ShellQuote(plugin)), 0);
+  WriteFile(manifest, manifest_one);
   EXPECT_UPDATE_ERROR(
       Updater().Update("db1", one, repo.Remote("db1"), below_link, volume, prefix, volume),
       "Fail to diff update: Refused to write outside the install directory: " + prefix +

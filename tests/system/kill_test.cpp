@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "dataupdate/file_lock.h"
+#include "dataupdate/updater.h"
 #include "service_fixture.h"
 
 namespace fs = boost::filesystem;
@@ -60,6 +61,13 @@ class KillTest : public ServiceTest {
   }
 
   std::string Mark(const std::string& name) const { return sandbox / ("marks/" + name); }
+  // Where the new tree of db1 is built before it takes the install directory's place.
+  std::string Staging(const std::string& name = "") const {
+    return volume + "/@database/autoupdate/.db1.staging" + (name.empty() ? "" : "/" + name);
+  }
+  std::string ManifestPath() const {
+    return sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  }
   std::string Tmp(const std::string& name = "") const {
     return volume + "/@tmp/data_update" + (name.empty() ? "" : "/" + name);
   }
@@ -123,16 +131,20 @@ class KillTest : public ServiceTest {
                   const std::function<bool()>& landed) {
     const auto files = Snapshot(Prefix("db1"));
     const std::string status = ReadFile(StatusPath("db1"));
+    const std::string manifest = Exists(ManifestPath()) ? ReadFile(ManifestPath()) : "";
     for (int attempt = 0; attempt < 5; ++attempt) {
       if (KillWhen(operation, condition) && landed()) {
         std::cout << "killed in the step at attempt " << attempt + 1 << std::endl;
         return true;
       }
       EndOrphans();
+      fs::remove_all(Staging());  // or the next attempt would be killed at once
       fs::remove_all(Prefix("db1"));
       for (const auto& [name, content] : files)
         WriteFile(Prefix("db1") + "/" + name, content);
       WriteFile(StatusPath("db1"), status);
+      if (!manifest.empty())
+        WriteFile(ManifestPath(), manifest);
       SetAge(Cache(), 3601 + 60);
     }
     return false;
@@ -171,13 +183,19 @@ class KillTest : public ServiceTest {
     fs::remove_all(sandbox / "marks");
   }
 
-  // The installed files and the status are those of release `n`, and the
-  // temporary directory is gone.
+  // The installed files are exactly release `n`, the status and the manifest
+  // agree with them (a repair finds nothing to do), and no temporary
+  // directory, staging tree or journal record is left.
   void ExpectInstalled(int n) {
     EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + n), true), "");
     EXPECT_EQ(Status("db1")["data_version"], std::to_string(kFirst + n));
-    EXPECT_TRUE(CheckStatus(service.info->GetDatabaseStatus("db1").file_statuses, Prefix("db1")));
+    const DatabaseStatus status = service.info->GetDatabaseStatus("db1");
+    EXPECT_TRUE(CheckStatus(status.file_statuses, Prefix("db1")));
+    EXPECT_FALSE(Fixer("db1", RemoteInfo(), volume, Prefix("db1"), volume).IsFixNeeded(status));
     EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
+    EXPECT_FALSE(Exists(Staging()));
+    const std::string journal = sandbox.Path("/var/lib/data_update/journal");
+    EXPECT_TRUE(!fs::exists(journal) || fs::is_empty(journal));
   }
 
   Service service;
@@ -211,6 +229,19 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   fix();
   ExpectInstalled(0);
 
+  // 2b. Putting the files back (a repair): the new tree is built aside, so the
+  // installed one stays whole, damage and all, and the next repair sees it.
+  WriteFile(Prefix("db1") + "/readme.txt", "damaged");
+  ASSERT_TRUE(KillDuring(
+      fix, [&] { return Exists(Staging()); },
+      [&] { return ReadFile(Prefix("db1") + "/readme.txt") == "damaged"; }))
+      << "no kill came while the new tree was built";
+  ExpectKilledCleanly(kFirst);
+  fs::remove(Prefix("db1") + "/readme.txt");
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst)), "missing readme.txt; ");
+  fix();
+  ExpectInstalled(0);
+
   // 3. Patching: the decoder is stopped under the killed update.
   ReleaseMany(1, false);
   SetAge(Cache(), 3601 + 60);
@@ -233,15 +264,18 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   SetAge(Cache(), 3601 + 60);
   repo.server().SetFaults(R"([{"match": "/diff.pkg", "status": 404}])");
   const std::string readme = Prefix("db1") + "/readme.txt";
+  const std::string release1 = ReadFile(readme);
   ASSERT_TRUE(KillDuring(
-      update, [&] { return !Exists(readme); }, [&] { return !Exists(readme); }))
-      << "no kill came while the install directory was being refilled";
+      update, [&] { return Exists(Staging()); }, [&] { return ReadFile(readme) == release1; }))
+      << "no kill came while the new tree was built";
   ExpectKilledCleanly(kFirst + 1);
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "");
   repo.server().SetFaults("[]");
-  // The status still says release 1: the diff to 2 starts from whatever the
-  // killed run left, and where that is wrong it fails and the whole package
-  // is installed instead.
+  // The killed run removed the manifest before it began to replace: the
+  // diff chain is not taken from files nothing vouches for.
+  log.Clear();
   update();
+  EXPECT_EQ(log.Matching("Prepare full update").size(), 1u);
   ExpectInstalled(2);
 
   // 5. Before the status is written: the files are the new ones already.
@@ -259,10 +293,67 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   ReleaseMany(4, true);
   SetAge(Cache(), 3601 + 60);
   const std::string first = Prefix("db1") + "/" + ManyName(0);
+  const std::string before = ReadFile(first);
   ASSERT_TRUE(KillDuring(
-      update, [&] { return !Exists(first); }, [&] { return !Exists(first); }))
+      update, [&] { return Exists(Staging()); }, [&] { return ReadFile(first) == before; }))
       << "no kill came while the files were being replaced";
   ExpectKilledCleanly(kFirst + 3);
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 3), true), "");
+  update();
+  ExpectInstalled(4);
+
+  // 7. A forced install killed while it extracts: the installed release stays.
+  ASSERT_TRUE(KillDuring(
+      [this] { service.update.ForceInstall("db1", -1); },
+      [&] { return Exists(Staging("items.db")); },
+      [&] { return CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 4), true).empty(); }))
+      << "no kill came during the forced install's extraction";
+  ExpectKilledCleanly(kFirst + 4);
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 4), true), "");
+
+  // 8. A plain file where the install directory belongs is replaced by it,
+  // also when the release is up to date.
+  update();
+  ExpectInstalled(4);
+  fs::remove_all(Prefix("db1"));
+  WriteFile(Prefix("db1"), "not a directory");
+  log.Clear();
+  update();
+  EXPECT_EQ(log.Matching("is not a directory").size(), 1u);
+  ExpectInstalled(4);
+
+  // 9. The databases moving to another volume, killed while they are copied
+  // (a large file beside them makes the copy last): no partial copy takes the
+  // main directory's name, and the next volume event completes the move.
+  const std::string second = sandbox / "volume2";
+  fs::create_directories(second);
+  ScopedEnv volumes("VESK_VOLUMES", (volume + ":" + second).c_str());
+  const std::string old_main = volume + "/@database/autoupdate";
+  const std::string new_main = second + "/@database/autoupdate";
+  WriteFile(old_main + "/ballast.bin", std::string(64 << 20, 'b'));
+  const auto unmount = [&] { service.volumes.UnmountVolumeEvent(volume); };
+  bool killed = false;
+  for (int attempt = 0; attempt < 5 && !killed; ++attempt) {
+    killed = KillWhen(unmount, [&] { return Exists(second + "/@database/.autoupdate.moving"); }) &&
+             !Exists(new_main);
+    EndOrphans();
+    if (!killed && Exists(new_main)) {  // too late: put everything back
+      fs::remove_all(old_main);
+      fs::rename(new_main, old_main);
+      fs::remove_all(sandbox.Path("/var/lib/data_update/journal"));
+      service.config->SetCurVolume(volume);
+    }
+  }
+  ASSERT_TRUE(killed) << "no kill came while the databases were copied";
+  EXPECT_EQ(HeldLocks(), "");
+  EndOrphans();  // the killed run's copy
+  EXPECT_EQ(CompareTrees(old_main + "/db1", repo.SourceDir("db1", kFirst + 4), true), "");
+  unmount();  // run again: the recorded move is completed
+  EXPECT_EQ(service.config->GetCurVolume(), second);
+  EXPECT_FALSE(Exists(old_main));
+  EXPECT_EQ(log.Matching("Completed an unfinished step: move of").size(), 1u);
+  fs::remove(new_main + "/ballast.bin");
+  volume = second;
   update();
   ExpectInstalled(4);
 }

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "dataupdate/error.h"
+#include "dataupdate/updater.h"
 #include "service_fixture.h"
 
 namespace fs = boost::filesystem;
@@ -153,15 +154,15 @@ TEST_F(ServiceFrontTest, TwoDatabasesLiveThroughThreeReleasesAVolumeChangeAndADo
   EXPECT_EQ(CompareTrees(prefix(second, "db2"), repo.SourceDir("db2", kFirst + 2)), "");
   ExpectStatus("db2", kFirst + 2, 3, prefix(second, "db2"));
 
-  // A forced downgrade of db1 installs release 1's package over release 2 and
-  // records that version without file statuses.
+  // A forced downgrade of db1 installs release 1 in place of release 2 and
+  // records every file.
   const std::string db1 = prefix(second, "db1");
   log.Clear();
   service.update.ForceInstall("db1", -1);
   EXPECT_EQ(log.Matching("update.cpp"), std::vector<std::string>{});  // it logs nothing itself
   EXPECT_EQ(Requests("/db1/v7000002/full.pkg"), 1u);
   EXPECT_EQ(CompareTrees(db1, repo.SourceDir("db1", kFirst + 1)), "");
-  ExpectStatus("db1", kFirst + 1, 0, db1);
+  ExpectStatus("db1", kFirst + 1, 3, db1);
 
   // The next update brings it back to release 2 by the diff package.
   log.Clear();
@@ -188,6 +189,12 @@ TEST_F(ServiceFrontTest, StatusFileMissingOrNewerDecidesTheUpdate) {
   DatabaseStatus newer = service.info->GetDatabaseStatus("db1");
   newer.data_version = kFirst + 5;
   service.info->SetDatabaseStatus("db1", newer);
+  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  std::string text = ReadFile(manifest);  // the manifest goes with the release
+  const std::string mark = "\"data_version\" : " + std::to_string(kFirst);
+  ASSERT_NE(text.find(mark), std::string::npos);
+  text.replace(text.find(mark), mark.size(), "\"data_version\" : " + std::to_string(kFirst + 5));
+  WriteFile(manifest, text);
   const std::string written = ReadFile(StatusPath("db1"));
   log.Clear();
   service.update.UpdateProject("db1");
@@ -294,6 +301,8 @@ TEST_F(ServiceFrontTest, PackageDownloadFaultsFallBackOrFailAndLoseNothingInstal
   ASSERT_EQ(repo.Publish(), 0);
   SetAge(Cache(), 3601 + 60);
   const std::string installed = ReadFile(StatusPath("db1"));
+  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  const std::string installed_manifest = ReadFile(manifest);
   const auto before = Snapshot(Prefix("db1"));
   const RemoteInfo remote = repo.Remote("db1");
   const std::string full = repo.out_dir() + "/db1/v" + std::to_string(kFirst + 2) + "/full.pkg";
@@ -351,6 +360,7 @@ TEST_F(ServiceFrontTest, PackageDownloadFaultsFallBackOrFailAndLoseNothingInstal
       for (const auto& [name, content] : before)
         WriteFile(Prefix("db1") + "/" + name, content);
       WriteFile(StatusPath("db1"), installed);
+      WriteFile(manifest, installed_manifest);
     } else {
       try {
         service.update.UpdateProject("db1");
@@ -493,7 +503,7 @@ TEST_F(ServiceFrontTest, AllProjectsSkipUnscheduledStopAtTheFirstFailureAndWitho
 
 // A forced install takes the announced link and rewrites the version's digits:
 // 0 is the server's version, -1 the one before it, a positive number itself.
-TEST_F(ServiceFrontTest, ForceInstallRewritesTheVersionInTheLinkAndRecordsNoFiles) {
+TEST_F(ServiceFrontTest, ForceInstallRewritesTheVersionInTheLinkAndInstallsExactlyThatRelease) {
   WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   for (int n = 0; n < 3; ++n)
     Release("db1", n);
@@ -508,7 +518,10 @@ TEST_F(ServiceFrontTest, ForceInstallRewritesTheVersionInTheLinkAndRecordsNoFile
     const Json::Value status = Status("db1");
     EXPECT_EQ(status["data_version"], std::to_string(installed));
     EXPECT_EQ(status["last_fetch_time"], remote.last_fetch_time);
-    EXPECT_EQ(status["file_statuses"], Json::Value(Json::objectValue));
+    EXPECT_EQ(status["file_statuses"].size(), Snapshot(Prefix("db1")).size());
+    const DatabaseStatus recorded = service.info->GetDatabaseStatus("db1");
+    EXPECT_TRUE(CheckStatus(recorded.file_statuses, Prefix("db1")));
+    EXPECT_FALSE(Fixer("db1", remote, volume, Prefix("db1"), volume).IsFixNeeded(recorded));
   };
   expect_forced(0, kFirst + 2);
   EXPECT_EQ(Locks(),
@@ -517,9 +530,8 @@ TEST_F(ServiceFrontTest, ForceInstallRewritesTheVersionInTheLinkAndRecordsNoFile
                                       "-update_db1.lock", "-update_any.lock"}));
   EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 2)), "");
   expect_forced(-1, kFirst + 1);
-  // Unpacked over what was there: the file release 1 lacks stays.
-  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1)),
-            "unexpected only_in_last.txt; ");
+  // Exactly release 1: the file it lacks is gone.
+  EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1)), "");
   expect_forced(kFirst, kFirst);
   EXPECT_EQ(ReadFile(Prefix("db1") + "/readme.txt"), "db1 release 0\n");
   EXPECT_EQ(Requests(".pkg"), 3u);

@@ -39,6 +39,10 @@ bool WriteAll(int fd, const std::string& text) {
 std::string DownloadOutput::Settings(bool verbose, bool terminal) {
   std::string text = verbose ? "quiet = off\nverbose = off\n" : "quiet = on\n";
   text += terminal ? "show_progress = on\n" : "show_progress = off\n";
+  // A server that stops sending fails the try after 30 s: with the library's
+  // three tries one download gives up within about 95 s, so an update that
+  // falls back from the diff to the whole package ends within 5 minutes.
+  text += "read_timeout = 30\n";
   return text;
 }
 

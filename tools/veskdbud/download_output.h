@@ -9,6 +9,7 @@
 //   quiet = on           (off with --verbose: one line per download and
 //   verbose = off         wget's own error lines, such as "ERROR 404")
 //   show_progress = on   only when stderr is a terminal: a progress bar
+//   read_timeout = 30    a stalled server fails the try (wget waits 900 s)
 //
 // so a terminal shows a progress bar per download and anything else gets a
 // plain log: the tool's own lines (and the library's with --verbose).
