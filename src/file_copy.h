@@ -20,4 +20,10 @@ void CopyFileContents(const std::string& from, const std::string& to);
 // errno set (EIO for a write that wrote nothing) otherwise.
 bool WriteAll(int fd, const char* data, size_t size);
 
+// Replaces `path` (creating its parent directories) by a file holding `text`
+// so that a crash leaves either the old file or the whole new one: a new file
+// beside it, flushed, renamed over it, the directory flushed. Throws
+// UpdateError "Fail to write: <path>".
+void WriteFileDurably(const std::string& path, const std::string& text);
+
 }  // namespace vesk::dataupdate

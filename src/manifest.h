@@ -1,8 +1,14 @@
 // The manifest of an installed release: every file of the install directory
 // with its SHA-384 digest and size. It is kept beside the status as
-// "/var/lib/data_update/<id>/manifest.json" and records the data version it
+// "/var/lib/data_update/<id>/manifest" and records the data version it
 // belongs to, so that a manifest left from another release than the status
 // names (a run killed between the two writes) reads as missing.
+//
+// It is a text of lines, read in one pass with no document built, since every
+// up-to-date `update` reads it whole:
+//   "veskdbud-manifest 1" / "data_version <N>" / "files <count>", then one line
+//   "<size> <sha384> <name>" per file, names sorted, with "\\" for a backslash
+//   and "\n" for a line feed in a name.
 //
 // ReadStoredManifest and the checks never throw for what they find on disk;
 // WriteStoredManifest and RemoveStoredManifest throw UpdateError.
@@ -42,6 +48,12 @@ void RemoveStoredManifest(const std::string& id);
 // regular file of the listed size. Reads no file's content. Logs the first
 // file that fails.
 bool ManifestHolds(const Manifest& manifest, const std::string& install_prefix);
+
+// ManifestHolds(*ReadStoredManifest(id, data_version), install_prefix), false
+// when there is no such manifest, at a fraction of the cost: each file is
+// looked at as its line is read.
+bool StoredManifestHolds(const std::string& id, int data_version,
+                         const std::string& install_prefix);
 
 // The full check: no listed file missing or changed, no file that the
 // manifest does not list. Files in `verified` (their digest already checked

@@ -378,8 +378,7 @@ void Update::UpdateProject(const std::string& id) const {
     bool reinstall = false;
     if (*installed >= remote.data_version) {
       RemoveNonDirectory(install_prefix);
-      const std::optional<Manifest> manifest = ReadStoredManifest(id, *installed);
-      if (manifest && ManifestHolds(*manifest, install_prefix)) {
+      if (StoredManifestHolds(id, *installed, install_prefix)) {
         log::Write(log::site::kUpToDate, id);
         return;
       }

@@ -183,6 +183,12 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
 }
 
 void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const {
+  std::ostringstream text;
+  Json::StyledStreamWriter("\t").write(text, value);
+  WriteFileDurably(path, text.str());
+}
+
+void WriteFileDurably(const std::string& path, const std::string& text) {
   try {
     fs::path parent = fs::path(path).parent_path();
     if (!parent.empty() && !fs::exists(parent))
@@ -190,12 +196,10 @@ void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const
   } catch (const fs::filesystem_error&) {
     throw UpdateError("Fail to create parent folder: " + path);
   }
-  std::ostringstream text;
-  Json::StyledStreamWriter("\t").write(text, value);
 
   // A crash or a full disk part-way through must not leave a truncated file in
   // place of the old one (a configuration would lose its current volume): the
-  // document goes to a new file beside the target, which is flushed and then
+  // text goes to a new file beside the target, which is flushed and then
   // renamed over it, and the directory is flushed after the rename.
   const std::string target = WriteTarget(path);
   SiblingTempFile temp(target);
@@ -207,8 +211,7 @@ void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const
     static_cast<void>(fchmod(temp.fd(), old.st_mode & 07777));
     static_cast<void>(fchown(temp.fd(), old.st_uid, old.st_gid));
   }
-  const std::string document = text.str();
-  if (!WriteAll(temp.fd(), document.data(), document.size()) || !temp.Commit(target) ||
+  if (!WriteAll(temp.fd(), text.data(), text.size()) || !temp.Commit(target) ||
       !SyncDirectory(fs::path(target).parent_path().string())) {
     throw UpdateError("Fail to write: " + path);
   }

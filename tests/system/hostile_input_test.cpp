@@ -39,7 +39,7 @@ std::map<std::string, std::string> FilesOutside(const std::string& root,
   const std::string skip = fs::path(inside).lexically_relative(root).string() + "/";
   for (auto it = files.begin(); it != files.end();)
     it = it->first.compare(0, skip.size(), skip) == 0 ? files.erase(it) : std::next(it);
-  files.erase("var/lib/data_update/db1/manifest.json");  // the library's own record
+  files.erase("var/lib/data_update/db1/manifest");  // the library's own record
   return files;
 }
 
@@ -72,7 +72,7 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
   DatabaseStatus one = Updater().Update("db1", DatabaseStatus{-1, 0, {}}, repo.Remote("db1"), {},
                                         volume, prefix, volume);
   // Each diff below starts from release 1 again, which its manifest vouches for.
-  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest");
   const std::string manifest_one = ReadFile(manifest);
   repo.CopyVersion("db1", 1, 2);
   repo.SetFile("db1", 2, "readme.txt", "two\n");

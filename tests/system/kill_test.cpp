@@ -66,7 +66,7 @@ class KillTest : public ServiceTest {
     return volume + "/@database/autoupdate/.db1.staging" + (name.empty() ? "" : "/" + name);
   }
   std::string ManifestPath() const {
-    return sandbox.Path("/var/lib/data_update/db1/manifest.json");
+    return sandbox.Path("/var/lib/data_update/db1/manifest");
   }
   std::string Tmp(const std::string& name = "") const {
     return volume + "/@tmp/data_update" + (name.empty() ? "" : "/" + name);

@@ -189,11 +189,11 @@ TEST_F(ServiceFrontTest, StatusFileMissingOrNewerDecidesTheUpdate) {
   DatabaseStatus newer = service.info->GetDatabaseStatus("db1");
   newer.data_version = kFirst + 5;
   service.info->SetDatabaseStatus("db1", newer);
-  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest");
   std::string text = ReadFile(manifest);  // the manifest goes with the release
-  const std::string mark = "\"data_version\" : " + std::to_string(kFirst);
+  const std::string mark = "\ndata_version " + std::to_string(kFirst) + "\n";
   ASSERT_NE(text.find(mark), std::string::npos);
-  text.replace(text.find(mark), mark.size(), "\"data_version\" : " + std::to_string(kFirst + 5));
+  text.replace(text.find(mark), mark.size(), "\ndata_version " + std::to_string(kFirst + 5) + "\n");
   WriteFile(manifest, text);
   const std::string written = ReadFile(StatusPath("db1"));
   log.Clear();
@@ -301,7 +301,7 @@ TEST_F(ServiceFrontTest, PackageDownloadFaultsFallBackOrFailAndLoseNothingInstal
   ASSERT_EQ(repo.Publish(), 0);
   SetAge(Cache(), 3601 + 60);
   const std::string installed = ReadFile(StatusPath("db1"));
-  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest.json");
+  const std::string manifest = sandbox.Path("/var/lib/data_update/db1/manifest");
   const std::string installed_manifest = ReadFile(manifest);
   const auto before = Snapshot(Prefix("db1"));
   const RemoteInfo remote = repo.Remote("db1");
