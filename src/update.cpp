@@ -329,6 +329,15 @@ Update::Update(std::shared_ptr<Updater> updater, std::shared_ptr<InfoGetter> inf
 
 Update::~Update() = default;
 
+void Update::SetLockedHook(std::function<void(const std::string& id)> hook) {
+  locked_hook_ = std::move(hook);
+}
+
+void Update::Locked(const std::string& id) const {
+  if (locked_hook_)
+    locked_hook_(id);
+}
+
 void Update::UpdateAllProjects() const {
   OperateAllProjects([this](const std::string& id) { UpdateProject(id); });
 }
@@ -360,6 +369,7 @@ void Update::UpdateProject(const std::string& id) const {
     config_->CheckSupported(id);
     FileLock any_lock(UpdateAnyLock(), kLockTimeout);
     FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+    Locked(id);
     FinishWhatKilledRunsLeft(*config_);
 
     // The up-to-date test needs the installed version and the cheap check of
@@ -413,6 +423,7 @@ void Update::FixProject(const std::string& id) const {
     config_->CheckSupported(id);
     FileLock any_lock(UpdateAnyLock(), kLockTimeout);
     FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+    Locked(id);
     FinishWhatKilledRunsLeft(*config_);
 
     const DatabaseStatus status = info_getter_->GetDatabaseStatus(id);
@@ -437,6 +448,7 @@ void Update::FixProject(const std::string& id) const {
 void Update::ForceInstall(const std::string& id, int version) const {
   FileLock any_lock(UpdateAnyLock(), kLockTimeout);
   FileLock project_lock(UpdateOneLock(id), kLockTimeout);
+  Locked(id);
   FinishWhatKilledRunsLeft(*config_);
 
   RemoteInfo remote = info_getter_->GetRemoteInfo(id);

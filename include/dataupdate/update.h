@@ -70,10 +70,19 @@ class VESKDBUD_EXPORT Update {
 
   void OperateAllProjects(std::function<void(const std::string&)> operation) const;
 
+  // Called with the database's ID by UpdateProject, FixProject and
+  // ForceInstall as soon as they hold its update locks, before they read
+  // anything: what it reads then stays as it is until the operation ends,
+  // since another run that did the work while this one waited is over.
+  void SetLockedHook(std::function<void(const std::string& id)> hook);
+
  private:
+  void Locked(const std::string& id) const;
+
   std::shared_ptr<Updater> updater_;
   std::shared_ptr<InfoGetter> info_getter_;
   std::shared_ptr<ServiceConfig> config_;
+  std::function<void(const std::string&)> locked_hook_;
 };
 
 class VESKDBUD_EXPORT Checker {

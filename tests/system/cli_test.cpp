@@ -3,12 +3,14 @@
 // output and what it leaves.
 #include <gtest/gtest.h>
 #include <json/reader.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <thread>
 
 #include "dataupdate/file_lock.h"
@@ -56,6 +58,27 @@ std::string Rules(char changed_at_500 = 'w') {
     c = static_cast<char>('a' + static_cast<unsigned char>(c) % 26);
   text[500] = changed_at_500;
   return text;
+}
+
+// How many processes other than this one have the file `path` open.
+int OthersWithOpen(const std::string& path) {
+  const std::string self = std::to_string(getpid());
+  int count = 0;
+  boost::system::error_code ec;
+  for (fs::directory_iterator proc("/proc", ec), end; !ec && proc != end; proc.increment(ec)) {
+    const std::string pid = proc->path().filename().string();
+    if (pid == self || pid.find_first_not_of("0123456789") != std::string::npos)
+      continue;
+    boost::system::error_code gone;
+    for (fs::directory_iterator fd(proc->path() / "fd", gone); !gone && fd != end;
+         fd.increment(gone)) {
+      if (fs::read_symlink(fd->path(), gone).string() == path) {
+        ++count;
+        break;
+      }
+    }
+  }
+  return count;
 }
 
 Json::Value ParseJson(const std::string& text) {
@@ -190,13 +213,32 @@ TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyStatusJsonAgreesAndFix
 
 TEST_F(CliTest, UpdateFollowsTheDiffChainForceInstallGoesBackAndTheNextUpdateReturns) {
   PublishFirst();
-  ASSERT_EQ(Cli("update db1").status, 0);
+  ASSERT_EQ(Cli("update --all").status, 0);
   PublishSecondAndThird();
   const size_t before = repo.server().Requests().size();
 
-  const Outcome update = Cli("update db1");
-  EXPECT_EQ(update.status, 0) << update.err;
-  EXPECT_EQ(update.out, "db1: updated 20250601 -> 20250603\n");
+  // Eight runs at once, each let go only after it has looked at the status and
+  // waits for the update lock: one does the work, the others find it done.
+  const std::string any_lock = sandbox.Path("/run/data_update/update_any.lock");
+  std::optional<FileLock> held(std::in_place, any_lock, 0);
+  constexpr int kRuns = 8;
+  std::thread runs([&] {
+    Shell("for i in $(seq " + std::to_string(kRuns) + "); do " + ShellQuote(Tool()) +
+          " update --all >" + ShellQuote(io / "out") + ".$i 2>&1 </dev/null & done; wait");
+  });
+  const auto start = std::chrono::steady_clock::now();
+  const std::string lock_file = fs::canonical(any_lock).string();
+  while (OthersWithOpen(lock_file) < kRuns && SecondsSince(start) < 60)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(OthersWithOpen(lock_file), kRuns);
+  held.reset();
+  runs.join();
+  std::map<std::string, int> lines;
+  for (int i = 1; i <= kRuns; ++i)
+    ++lines[ReadFile(io / ("out." + std::to_string(i)))];
+  EXPECT_EQ(lines, (std::map<std::string, int>{
+                       {"db1: updated 20250601 -> 20250603\ndb2: up to date at 20250601\n", 1},
+                       {"db1: up to date at 20250603\ndb2: up to date at 20250601\n", kRuns - 1}}));
   std::vector<std::string> fetched;
   const auto requests = repo.server().Requests();
   for (size_t i = before; i < requests.size(); ++i) {
@@ -206,10 +248,6 @@ TEST_F(CliTest, UpdateFollowsTheDiffChainForceInstallGoesBackAndTheNextUpdateRet
   EXPECT_EQ(fetched, (std::vector<std::string>{"GET /repo/db1/v20250602/diff.pkg",
                                                "GET /repo/db1/v20250603/diff.pkg"}));
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
-  const Json::Value last = Entry(Status(), "db1")["last_result"];
-  EXPECT_EQ(last["version_before"].asInt(), kV1);
-  EXPECT_EQ(last["version_after"].asInt(), kV3);
-  EXPECT_EQ(last["outcome"].asString(), "updated");
 
   // A forced install goes back, and the next update returns.
   const Outcome back = Cli("force-install db1 -2");
@@ -225,6 +263,10 @@ TEST_F(CliTest, UpdateFollowsTheDiffChainForceInstallGoesBackAndTheNextUpdateRet
             "db1: installed 20250602 (forced; was 20250601)\n");
   EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
   EXPECT_EQ(Cli("update db1").out, "db1: updated 20250602 -> 20250603\n");
+  const Json::Value last = Entry(Status(), "db1")["last_result"];
+  EXPECT_EQ(last["version_before"].asInt(), kV2);
+  EXPECT_EQ(last["version_after"].asInt(), kV3);
+  EXPECT_EQ(last["outcome"].asString(), "updated");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
 }
 

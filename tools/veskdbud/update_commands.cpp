@@ -50,17 +50,37 @@ std::optional<StatusFile> StatusFileNow(const std::string& id) {
 
 // Runs `work` on database `id` as operation `operation`, records the outcome
 // and prints "<id>: <line>" where `describe` gives (outcome, line) from the
-// installed versions before and after. Failures are recorded and rethrown.
-void RunRecorded(const Library& lib, const std::string& id, const std::string& operation,
-                 const Describe& describe, const std::function<void()>& work) {
+// installed versions before and after. `note_before` takes note of what else
+// `describe` compares. Failures are recorded and rethrown.
+void RunRecorded(
+    const Library& lib, dataupdate::Update& update, const std::string& id,
+    const std::string& operation, const Describe& describe, const std::function<void()>& work,
+    const std::function<void()>& note_before = [] {}) {
   LastResult result;
   result.operation = operation;
   // Looked at before it is read: a plain status file (read quickly, with no
   // log line) found the same afterwards was not written, so the version read
   // before still holds. Any other is read again, as it was before.
-  const std::optional<StatusFile> seen = StatusFileNow(id);
-  const std::optional<int> quick = lib.info->QuickInstalledVersion(id);
-  result.version_before = quick ? *quick : lib.info->GetDatabaseStatus(id).data_version;
+  std::optional<StatusFile> seen;
+  std::optional<int> quick;
+  const auto read_before = [&] {
+    seen = StatusFileNow(id);
+    quick = lib.info->QuickInstalledVersion(id);
+    result.version_before = quick ? *quick : lib.info->GetDatabaseStatus(id).data_version;
+    note_before();
+  };
+  // Read once now, for a run that fails before it holds the update locks, and
+  // again once it holds them when the status changed meanwhile: another run
+  // may have done the work while this one waited, and this one did not.
+  read_before();
+  update.SetLockedHook([&](const std::string& locked) {
+    if (locked == id && !(StatusFileNow(id) == seen))
+      read_before();
+  });
+  struct Unhook {
+    dataupdate::Update& update;
+    ~Unhook() { update.SetLockedHook(nullptr); }
+  } unhook{update};
   const auto version_after = [&] {
     const std::optional<StatusFile> now = StatusFileNow(id);
     return quick && seen && now && *seen == *now ? *quick : lib.InstalledVersion(id);
@@ -123,7 +143,7 @@ struct Session {
 
   const Library lib;
   const DownloadOutput output;
-  const dataupdate::Update update;
+  dataupdate::Update update;
 };
 
 int ParseVersion(const std::string& text) {
@@ -154,9 +174,9 @@ std::string OneOrAll(const Args& args) {
 
 int RunUpdate(const Args& args) {
   const std::string id = OneOrAll(args);
-  const Session session(args, id);
+  Session session(args, id);
   ForEach(session.lib, id, [&session](const std::string& db) {
-    RunRecorded(session.lib, db, "update", DescribeUpdate,
+    RunRecorded(session.lib, session.update, db, "update", DescribeUpdate,
                 [&] { session.update.UpdateProject(db); });
   });
   return kExitOk;
@@ -164,10 +184,10 @@ int RunUpdate(const Args& args) {
 
 int RunFix(const Args& args) {
   const std::string id = OneOrAll(args);
-  const Session session(args, id);
+  Session session(args, id);
   ForEach(session.lib, id, [&session](const std::string& db) {
     // The library rewrites the status file exactly when it reinstalled.
-    const auto written_before = StatusWritten(db);
+    auto written_before = StatusWritten(db);
     const Describe describe = [&](int before, int after) -> std::pair<std::string, std::string> {
       if (before < 0)
         return {"installed", "installed " + VersionText(after)};
@@ -175,7 +195,9 @@ int RunFix(const Args& args) {
         return {"repaired", "repaired: reinstalled " + VersionText(after)};
       return {"intact", "files intact at " + VersionText(after)};
     };
-    RunRecorded(session.lib, db, "fix", describe, [&] { session.update.FixProject(db); });
+    RunRecorded(
+        session.lib, session.update, db, "fix", describe, [&] { session.update.FixProject(db); },
+        [&] { written_before = StatusWritten(db); });
   });
   return kExitOk;
 }
@@ -183,12 +205,12 @@ int RunFix(const Args& args) {
 int RunForceInstall(const Args& args) {
   std::string id = args.Operand(0);
   const int version = ParseVersion(args.Operand(1));
-  const Session session(args, id);
+  Session session(args, id);
   const Describe describe = [](int before, int after) -> std::pair<std::string, std::string> {
     return {"installed",
             "installed " + VersionText(after) + " (forced; was " + VersionText(before) + ")"};
   };
-  RunRecorded(session.lib, id, "force-install", describe,
+  RunRecorded(session.lib, session.update, id, "force-install", describe,
               [&] { session.update.ForceInstall(id, version); });
   return kExitOk;
 }
