@@ -65,9 +65,7 @@ class KillTest : public ServiceTest {
   std::string Staging(const std::string& name = "") const {
     return volume + "/@database/autoupdate/.db1.staging" + (name.empty() ? "" : "/" + name);
   }
-  std::string ManifestPath() const {
-    return sandbox.Path("/var/lib/data_update/db1/manifest");
-  }
+  std::string ManifestPath() const { return sandbox.Path("/var/lib/data_update/db1/manifest"); }
   std::string Tmp(const std::string& name = "") const {
     return volume + "/@tmp/data_update" + (name.empty() ? "" : "/" + name);
   }
