@@ -164,6 +164,8 @@ class CliTest : public ::testing::Test {
 };
 
 TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyStatusJsonAgreesAndFixRepairs) {
+  const std::string odd = "odd\\name x.txt";  // kept escaped in the stored manifest
+  repo.SetFile("db1", kV1, odd, "an odd name\n");
   PublishFirst();
   const Outcome update = Cli("update --all");
   EXPECT_EQ(update.status, 0) << update.err;
@@ -192,9 +194,22 @@ TEST_F(CliTest, UpdateAllInstallsScheduledDatabasesQuietlyStatusJsonAgreesAndFix
   EXPECT_TRUE(off["installed_version"].isNull());
   EXPECT_TRUE(off["last_result"].isNull());
 
+  const size_t requests = repo.server().Requests().size();
   const Outcome again = Cli("update db1");
   EXPECT_EQ(again.status, 0);
   EXPECT_EQ(again.out, "db1: up to date at 20250601\n");
+  EXPECT_EQ(repo.server().Requests().size(), requests);  // the stored manifest held
+  // Before it answers so, update sees a listed file of another size or missing
+  // and installs the release again.
+  for (const auto& [name, text] : std::vector<std::pair<std::string, std::string>>{
+           {"readme.txt", "db1 release 1\n"}, {"rules/web.rules", ""}, {odd, ""}}) {
+    if (text.empty())
+      fs::remove(Installed("db1") + "/" + name);
+    else
+      WriteFile(Installed("db1") + "/" + name, text);
+    EXPECT_EQ(Cli("update db1").status, 0);
+    EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "") << name;
+  }
   // The tool finds the recorded result under the same root as the library,
   // however the root is spelled.
   const Outcome slashed = Cli("status --json db1", "VESKDBUD_ROOT=" + sandbox.root() + "//");
