@@ -18,6 +18,8 @@ namespace {
 // A line no wget writes; the reader counts these to tell BytesSoFar that it
 // has read everything before it.
 const char kMarker[] = "\x01veskdbud-marker\n";
+// Ends the reader even when some process still holds the FIFO open.
+const char kStop[] = "\x01veskdbud-stop\n";
 
 std::string UserStartupFile() {
   const char* home = std::getenv("HOME");
@@ -106,10 +108,15 @@ DownloadOutput::DownloadOutput(bool verbose, bool terminal) : verbose_(verbose) 
 }
 
 DownloadOutput::~DownloadOutput() {
-  if (write_fd_ >= 0)
-    close(write_fd_);  // the reader sees the end once every child is gone
-  if (reader_.joinable())
+  if (reader_.joinable()) {
+    if (!WriteAll(write_fd_, kStop)) {
+      close(write_fd_);  // then the reader ends when the last writer closes
+      write_fd_ = -1;
+    }
     reader_.join();
+  }
+  if (write_fd_ >= 0)
+    close(write_fd_);
   if (read_fd_ >= 0)
     close(read_fd_);
   if (dir_.empty())
@@ -134,6 +141,8 @@ void DownloadOutput::Read() {
       const std::string line = pending.substr(0, end + 1);
       pending.erase(0, end + 1);
       const std::lock_guard<std::mutex> hold(mutex_);
+      if (line == kStop)
+        return;
       if (line == kMarker) {
         ++markers_seen_;
         seen_.notify_all();
@@ -146,7 +155,7 @@ void DownloadOutput::Read() {
     }
   }
   const std::lock_guard<std::mutex> hold(mutex_);
-  markers_seen_ = markers_sent_;  // no more lines can come
+  reader_done_ = true;  // no more lines can come
   seen_.notify_all();
 }
 
@@ -154,6 +163,8 @@ std::optional<std::uint64_t> DownloadOutput::BytesSoFar() {
   if (!reader_.joinable())
     return std::nullopt;
   std::unique_lock<std::mutex> hold(mutex_);
+  if (reader_done_)
+    return std::nullopt;
   const std::uint64_t marker = ++markers_sent_;
   hold.unlock();
   // A short write to a FIFO is atomic, so the marker arrives whole, after
@@ -161,8 +172,8 @@ std::optional<std::uint64_t> DownloadOutput::BytesSoFar() {
   if (!WriteAll(write_fd_, kMarker))
     return std::nullopt;
   hold.lock();
-  seen_.wait(hold, [&] { return markers_seen_ >= marker; });
-  return bytes_;
+  seen_.wait(hold, [&] { return markers_seen_ >= marker || reader_done_; });
+  return reader_done_ ? std::nullopt : std::optional<std::uint64_t>(bytes_);
 }
 
 }  // namespace vesk::cli

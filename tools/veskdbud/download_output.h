@@ -56,6 +56,7 @@ class DownloadOutput {
   std::uint64_t bytes_ = 0;
   std::uint64_t markers_sent_ = 0;
   std::uint64_t markers_seen_ = 0;
+  bool reader_done_ = false;  // it met an error: nothing is counted any more
 };
 
 // The bytes a wget log line reports as saved ("... URL:u [1234/1234] -> ..."
