@@ -248,6 +248,7 @@ TEST_F(CliTest, UnknownDatabasesAndUsageErrorsAreOneLineWithTheirStatus) {
       {"force-install", 2},
       {"force-install db1 two", 2},
       {"status --json --timeout 3", 2},
+      {"status --json --metrics", 2},
   };
   for (const auto& [args, status] : cases) {
     const Outcome o = Cli(args);
