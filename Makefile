@@ -1,4 +1,4 @@
-# Thin wrapper over CMake: make demo | make test | make bench | make install.
+# Thin wrapper over CMake: make demo | make test | make bench | make install | make deb.
 # Checks (docs/development.md): make test-sanitize | make tidy | make format-check | make fuzz.
 BUILD   ?= build
 PREFIX  ?= /usr/local
@@ -10,7 +10,7 @@ FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 30
 
 .PHONY: all deps configure build test demo install bench format clean test-sanitize \
-        tidy format-check fuzz
+        tidy format-check fuzz deb
 
 all: build
 
@@ -45,6 +45,10 @@ bench: deps
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+# The Debian packages, built by dpkg-buildpackage from debian/ into $(BUILD)/deb/.
+deb: deps
+	@scripts/build-deb $(BUILD)/deb-src $(BUILD)/deb
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -22,6 +22,11 @@ Json::Value LastResult::ToJson() const {
   json["time"] = Json::Int64(time);
   json["version_before"] = VersionJson(version_before);
   json["version_after"] = VersionJson(version_after);
+  json["duration_seconds"] = duration_seconds;
+  json["bytes_downloaded"] =
+      bytes_downloaded ? Json::Value(Json::UInt64(*bytes_downloaded)) : Json::Value();
+  json["last_success_time"] =
+      last_success_time ? Json::Value(Json::Int64(*last_success_time)) : Json::Value();
   return json;
 }
 

@@ -13,12 +13,17 @@
 //     "message" : "",                  the error text when "ok" is false
 //     "time" : 1750000000,             seconds since the epoch, when it ended
 //     "version_before" : 20250601,     null when nothing was installed
-//     "version_after" : 20250604       null when nothing is installed
-//   }
+//     "version_after" : 20250604,      null when nothing is installed
+//     "duration_seconds" : 2.5,        how long the operation ran
+//     "bytes_downloaded" : 1234,       null when not counted (the user's WGETRC)
+//     "last_success_time" : 1750000000 when the database last succeeded
+//   }                                  (kept over failures); null: never
 #pragma once
 
 #include <json/value.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "dataupdate/io_utils.h"
@@ -33,6 +38,9 @@ struct LastResult {
   long long time = 0;
   int version_before = -1;  // -1: nothing installed
   int version_after = -1;
+  double duration_seconds = 0;
+  std::optional<std::uint64_t> bytes_downloaded;
+  std::optional<long long> last_success_time;
 
   Json::Value ToJson() const;
 };
