@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -130,6 +131,29 @@ TEST_F(StatusTest, CalculateRecordsTheDigestOfEachExistingFileBelowTheRoot) {
   EXPECT_EQ(CalculateStatus({"a.db"}, root.path()),
             (std::map<std::string, FileStatus>{{"a.db", {Sha384Of("")}}}));
   EXPECT_TRUE(log.Lines().empty()) << "a missing file is skipped silently";
+
+  // Files digested on several threads, largest first: each digest lands on
+  // its own name, none is left out, and a check stops at the first bad name
+  // even when a later, larger file was digested and failed first.
+  std::map<std::string, FileStatus> many;
+  for (int i = 0; i < 40; ++i) {
+    const std::string name = "many/f" + std::to_string(100 + i);
+    const size_t pages = i == 39 ? 64 : (i * 7919) % 40;  // sizes out of name order
+    const std::string content(pages * 4096 + i, static_cast<char>('a' + i % 26));
+    WriteFile(root / name, content);
+    many[name] = FileStatus{Sha384Of(content)};
+  }
+  std::set<std::string> names;
+  for (const auto& entry : many)
+    names.insert(entry.first);
+  names.insert("many/removed");
+  EXPECT_EQ(CalculateStatus(names, root.path()), many);
+  EXPECT_TRUE(CheckStatus(many, root.path()));
+  WriteFile(root / "many/f139", "changed");  // the largest, last in name order
+  WriteFile(root / "many/f105", "changed");
+  EXPECT_FALSE(CheckStatus(many, root.path()));
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{"err: updater.cpp:56 File " +
+                                                  (root / "many/f105") + " digest check fail"});
 }
 
 TEST_F(StatusTest, CheckFailsOnTheFirstBadFileInNameOrderAndLogsOnlyIt) {
