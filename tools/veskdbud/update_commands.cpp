@@ -121,6 +121,7 @@ struct Session {
     lib.RequireVolume();
   }
 
+  const LastResultsFlush flush;  // first made, so last gone: after every record
   const Library lib;
   const DownloadOutput output;
   const dataupdate::Update update;
