@@ -974,7 +974,7 @@ def main():
     print(f"load average {load_after[0]:.2f} {load_after[1]:.2f} {load_after[2]:.2f} at the end, "
           f"{seconds:.0f} s in all")
     print("targets:")
-    for number, text, met, bound in bench.targets:
+    for number, text, met, bound in sorted(bench.targets, key=lambda t: t[0]):
         print(f"  {number}. {text}: {'met' if met else 'MISSED'}")
         if not met and bound:
             print(f"       {bound}")

@@ -325,19 +325,22 @@ TEST_F(InfoGetterTest, ReadsQuicklyOnlyWhatItWroteItself) {
   EXPECT_EQ(substituted.GetDatabaseStatus("db").data_version, 20250602);
 }
 
-// The version of a settled status file is kept between two readings in one
-// process, and never outlives a change of the file, even one of the same size.
+// The version of a settled status file, and a settled document read through
+// IOUtils::ReadJson, are kept between two readings in one process, and never
+// outlive a change of the file, even one of the same size.
 TEST_F(InfoGetterTest, AKeptVersionGivesWayToAnyChange) {
   info.SetDatabaseStatus("db", Recorded(20250601, 3));
   // Settled only once its change time, which no test can set back, is old enough.
   std::this_thread::sleep_for(std::chrono::milliseconds(2100));
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+  EXPECT_EQ(io->ReadJson(path)["data_version"].asString(), "20250601");  // a kept document
 
   std::string text = ReadFile(path);
   text.replace(text.find("20250601"), 8, "20250602");
   WriteFile(path, text);  // in place, same size
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250602));
+  EXPECT_EQ(io->ReadJson(path)["data_version"].asString(), "20250602");
   WriteFile(path, "{}");
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt);
   EXPECT_EQ(info.GetDatabaseStatus("db").data_version, -1);
