@@ -37,11 +37,13 @@ demo: deps
 	@demo/run.sh $(BUILD)
 
 # Benchmarks against baselines measured in the same run (bench/run.py --help);
-# e.g. make bench BENCH_FLAGS="--full-mib 256 --only full,diff".
+# e.g. make bench BENCH_FLAGS="--full-mib 256 --only full,diff"; CURVES=1 also
+# measures the cost curves and plots them into docs/.
 BENCH_FLAGS ?=
+CURVES ?=
 bench: deps
 	@$(MAKE) --no-print-directory build
-	@python3 bench/run.py --build $(BUILD) $(BENCH_FLAGS)
+	@python3 bench/run.py --build $(BUILD) $(if $(CURVES),--curves) $(BENCH_FLAGS)
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)

@@ -3,7 +3,8 @@
 // next to the library's version.json, so `veskdbud status` can show it.
 //
 // Written whole to a temporary file and renamed into place, so a reader never
-// sees half a document. Runs of the library by other callers do not write it.
+// sees half a document; flushed to disk once at the end of the run. Runs of the library by other
+// callers do not write it.
 //
 //   {
 //     "operation" : "update",          update | fix | force-install
@@ -51,6 +52,15 @@ std::string LastResultPath(const std::string& id);
 // one warning line on stderr, since the operation itself is done.
 void RecordLastResult(const dataupdate::IOUtils& io, const std::string& id,
                       const LastResult& result) noexcept;
+
+// Flushes the records of this run to disk when it goes out of scope: one
+// flush of the file system holding them, whatever the number of databases.
+struct LastResultsFlush {
+  LastResultsFlush() = default;
+  LastResultsFlush(const LastResultsFlush&) = delete;
+  LastResultsFlush& operator=(const LastResultsFlush&) = delete;
+  ~LastResultsFlush();
+};
 
 // The recorded document, or null when there is none or it cannot be read.
 Json::Value ReadLastResult(const dataupdate::IOUtils& io, const std::string& id);

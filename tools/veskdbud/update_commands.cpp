@@ -151,6 +151,7 @@ struct Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
+  const LastResultsFlush flush;  // first made, so last gone: after every record
   const Library lib;
   DownloadOutput output;
   const dataupdate::Update update;
