@@ -446,6 +446,21 @@ TEST_F(CliTest, FailedUpdateExitsOneAndIsRecorded) {
   EXPECT_EQ(all.err.rfind("veskdbud: Fail on project 'db1': Fail to wget url: ", 0), 0u) << all.err;
 }
 
+// A server that stops sending without closing: wget's read time-out, set in
+// the settings the tool hands it, fails each try, so the command ends well
+// within five minutes and frees its locks, and the next update goes through.
+TEST_F(CliTest, AStalledServerFailsTheUpdateInMinutesAndFreesTheLocks) {
+  PublishFirst();
+  repo.server().SetFaults(R"([{"match": "/full.pkg", "stall": 900, "stall_after": 100}])");
+  const Outcome stalled = Cli("update db1");
+  EXPECT_EQ(stalled.status, 1);
+  EXPECT_EQ(stalled.err.rfind("veskdbud: Fail to wget url: ", 0), 0u) << stalled.err;
+  EXPECT_LT(stalled.seconds, 300);
+  EXPECT_EQ(Cli("is-updating").status, 1);
+  repo.server().SetFaults("[]");
+  EXPECT_EQ(Cli("update db1").out, "db1: installed 20250601\n");
+}
+
 TEST_F(CliTest, WithoutAVolumeUpdatesRefuseAndInitChoosesOne) {
   PublishFirst();
   WriteServiceConfig("127.0.0.1:" + std::to_string(repo.server().port()) + "/repo", "");
