@@ -12,6 +12,8 @@
 #include <sstream>
 #include <vector>
 
+#include "write_all.h"
+
 namespace vesk::cli {
 namespace {
 
@@ -31,17 +33,6 @@ std::string UserStartupFile() {
   std::ostringstream text;
   text << in.rdbuf();
   return text.str() + "\n";
-}
-
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0)
-      return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 bool WriteFile(const std::string& path, const std::string& text) {

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "dataupdate/error.h"
+#include "write_all.h"
 
 namespace vesk::cli {
 namespace {
@@ -49,17 +50,6 @@ std::string Sample(double value) {
   text.precision(17);
   text << value;
   return text.str();
-}
-
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0)
-      return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace
