@@ -80,6 +80,8 @@ int RunStatus(const Args& args) {
                    "status --help')");
   Library lib;
   const std::vector<std::string> ids = lib.Databases(args.Operand(0));
+  // What the table shows is one release, not a tree a killed run left half exchanged.
+  dataupdate::FinishInterruptedWork();
   const std::string volume = lib.service->GetCurVolume();
   const ServerInfo server = ReadServerInfo(*lib.io);
   std::vector<Row> rows;
