@@ -1,4 +1,4 @@
-# Thin wrapper over CMake: make demo | make test | make bench | make install.
+# Thin wrapper over CMake: make demo | make test | make bench | make install | make deb.
 # Checks (docs/development.md): make test-sanitize | make tidy | make format-check | make fuzz.
 BUILD   ?= build
 PREFIX  ?= /usr/local
@@ -10,7 +10,7 @@ FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 30
 
 .PHONY: all deps configure build test demo install bench format clean test-sanitize \
-        tidy format-check fuzz
+        tidy format-check fuzz deb
 
 all: build
 
@@ -37,14 +37,20 @@ demo: deps
 	@demo/run.sh $(BUILD)
 
 # Benchmarks against baselines measured in the same run (bench/run.py --help);
-# e.g. make bench BENCH_FLAGS="--full-mib 256 --only full,diff".
+# e.g. make bench BENCH_FLAGS="--full-mib 256 --only full,diff"; CURVES=1 also
+# measures the cost curves and plots them into docs/.
 BENCH_FLAGS ?=
+CURVES ?=
 bench: deps
 	@$(MAKE) --no-print-directory build
-	@python3 bench/run.py --build $(BUILD) $(BENCH_FLAGS)
+	@python3 bench/run.py --build $(BUILD) $(if $(CURVES),--curves) $(BENCH_FLAGS)
 
 install: build
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+# The Debian packages, built by dpkg-buildpackage from debian/ into $(BUILD)/deb/.
+deb: deps
+	@scripts/build-deb $(BUILD)/deb-src $(BUILD)/deb
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

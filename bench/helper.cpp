@@ -7,6 +7,9 @@
 //       CheckStatus over the files listed in MANIFEST (sha384sum's output
 //       format: "<digest>  <name>"), names relative to ROOT. Exit 0 when every
 //       file matches, 1 when one does not.
+//   veskdbud-bench calculate ROOT MANIFEST
+//       CalculateStatus over the same files; exit 0 when it gives exactly the
+//       digests of MANIFEST, 1 otherwise.
 //   veskdbud-bench sql-apply DATABASE DIFF
 //       Applies the ".sqlitediff" DIFF to DATABASE the way a diff update does
 //       (DiffStrategy::_DoSqlitePatch).
@@ -29,6 +32,7 @@
 #include <iostream>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -80,7 +84,7 @@ bool ReadValue(int fd, std::int64_t* value) {
   return read(fd, value, sizeof *value) == static_cast<ssize_t>(sizeof *value);
 }
 
-int Digest(const std::string& root, const std::string& manifest) {
+int Digest(const std::string& root, const std::string& manifest, bool calculate) {
   std::ifstream in(manifest);
   if (!in) {
     std::cerr << "veskdbud-bench: cannot read " << manifest << "\n";
@@ -100,7 +104,12 @@ int Digest(const std::string& root, const std::string& manifest) {
     std::cerr << "veskdbud-bench: no digests in " << manifest << "\n";
     return kExitUsage;
   }
-  return du::CheckStatus(statuses, root) ? 0 : 1;
+  if (!calculate)
+    return du::CheckStatus(statuses, root) ? 0 : 1;
+  std::set<std::string> names;
+  for (const auto& entry : statuses)
+    names.insert(entry.first);
+  return du::CalculateStatus(names, root) == statuses ? 0 : 1;
 }
 
 int SqlApply(const std::string& database, const std::string& diff) {
@@ -188,7 +197,7 @@ int LockHandoff(const std::string& path, int count, bool use_filelock, unsigned 
 }
 
 int Usage() {
-  std::cerr << "usage: veskdbud-bench digest ROOT MANIFEST\n"
+  std::cerr << "usage: veskdbud-bench digest|calculate ROOT MANIFEST\n"
                "       veskdbud-bench sql-apply DATABASE DIFF\n"
                "       veskdbud-bench lock-handoff PATH COUNT filelock|flock SEED\n";
   return kExitUsage;
@@ -199,8 +208,8 @@ int Usage() {
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   try {
-    if (args.size() == 3 && args[0] == "digest")
-      return Digest(args[1], args[2]);
+    if (args.size() == 3 && (args[0] == "digest" || args[0] == "calculate"))
+      return Digest(args[1], args[2], args[0] == "calculate");
     if (args.size() == 3 && args[0] == "sql-apply")
       return SqlApply(args[1], args[2]);
     if (args.size() == 5 && args[0] == "lock-handoff" &&

@@ -133,7 +133,8 @@ cat >"$root/usr/share/data_update/data_update.conf" <<CONF
 		"cur_volume" : "",
 		"db_netloc" : "localhost:$port/repo",
 		"db_ver" : "v1",
-		"download_scheme" : "http"
+		"download_scheme" : "http",
+		"verify_info" : true
 	}
 }
 CONF
@@ -198,6 +199,23 @@ run veskdbud force-install catalog -2
 say "a reader counts the products while holding the catalog's read lock:"
 run veskdbud run-locked catalog -- sqlite3 "$(installed catalog)/catalog.db" "SELECT count(*) FROM products"
 run veskdbud status catalog
+
+step "An attacker on the path serves the signatures' signed package as the catalog's: refused"
+repo=$served/repo newest=${versions[3]}
+mkdir -p "$demo/honest"
+cp -a "$repo/catalog" "$demo/honest/"
+for pkg in "$repo"/catalog/v*/{full,diff}.pkg; do
+  cp "$repo/signatures/v$newest/full.pkg" "$pkg"
+done
+say "every catalog package on the server is now signatures' ${newest} full package (validly signed)"
+before=$(sha384sum "$(installed catalog)/catalog.db")
+forget_server_info
+run veskdbud update catalog || say "exit status $?: nothing was installed"
+[[ $(sha384sum "$(installed catalog)/catalog.db") == "$before" ]] &&
+  say "catalog.db is unchanged and the catalog is still at ${versions[1]}:" &&
+  "$tool" status catalog --json | python3 -c 'import json,sys; d=json.load(sys.stdin)["databases"][0]; print("   installed", d["installed_version"])'
+rm -rf "$repo/catalog" && mv "$demo/honest/catalog" "$repo/catalog" && rmdir "$demo/honest"
+say "the honest packages are back on the server"
 
 step "The next update brings the catalog forward again"
 log=$(mark "$demo/server.log")

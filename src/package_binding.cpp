@@ -3,6 +3,7 @@
 #include <json/reader.h>
 #include <json/value.h>
 
+#include <boost/filesystem.hpp>
 #include <climits>
 #include <memory>
 #include <sstream>
@@ -10,6 +11,8 @@
 #include "dataupdate/error.h"
 #include "dataupdate/io_utils.h"
 #include "vesk/archive.h"
+
+namespace fs = boost::filesystem;
 
 namespace vesk::dataupdate {
 namespace {
@@ -105,6 +108,44 @@ void CheckBinding(const PackageBinding& actual, const ExpectedBinding& expected)
   throw UpdateError("package is for " +
                     Describe(actual.database, actual.version, actual.full, actual.from) +
                     ", expected " + wanted);
+}
+
+void CheckChainLeadsToManifest(const Manifest& manifest, const std::map<std::string, bool>& changed,
+                               const std::string& install_prefix) {
+  const auto differs = [](const std::string& name, const std::string& how) {
+    return UpdateError("Diff chain does not lead to the published release: " + name + " " + how);
+  };
+  std::map<std::string, bool> result;  // name -> changed by the chain
+  for (const auto& [name, written] : changed) {
+    if (written)
+      result[name.substr(1)] = true;
+  }
+  const fs::path base(install_prefix);
+  boost::system::error_code ec;
+  for (fs::recursive_directory_iterator it(base, ec), end; !ec && it != end; it.increment(ec)) {
+    if (fs::is_directory(it->symlink_status()))
+      continue;
+    const std::string name = it->path().lexically_relative(base).string();
+    if (changed.count("/" + name) == 0)
+      result.emplace(name, false);
+  }
+  if (ec)
+    throw UpdateError("Fail to list " + install_prefix + ": " + ec.message());
+  for (const auto& [name, written] : result) {
+    const auto listed = manifest.find(name);
+    if (listed == manifest.end())
+      throw differs(name, "is not in the release");
+    if (!written) {
+      boost::system::error_code size_ec;
+      const auto size = fs::file_size(base / name, size_ec);
+      if (size_ec || size != listed->second.size)
+        throw differs(name, "is not the size the release lists");
+    }
+  }
+  for (const auto& entry : manifest) {
+    if (result.count(entry.first) == 0)
+      throw differs(entry.first, "is missing");
+  }
 }
 
 PackageBinding ExtractBoundPackage(const std::string& package, const std::string& dir,

@@ -6,6 +6,7 @@
 // under the link of the one the engine asked for.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "manifest.h"
@@ -35,6 +36,14 @@ PackageBinding ParseBinding(const std::string& text, const std::string& package)
 // Throws UpdateError "package is for <what it is>, expected <what was asked>"
 // unless `actual` is what `expected` asks for.
 void CheckBinding(const PackageBinding& actual, const ExpectedBinding& expected);
+
+// Before a diff chain is applied: the installed tree with the chain's changes
+// (`changed`: names with a leading "/", true for a write, false for a delete)
+// must hold exactly the files of `manifest`, the unchanged ones at their
+// listed sizes. Throws UpdateError naming the first file that differs, so a
+// chain over a damaged or foreign tree falls back to the full package.
+void CheckChainLeadsToManifest(const Manifest& manifest, const std::map<std::string, bool>& changed,
+                               const std::string& install_prefix);
 
 // Verifies the signed `package`, checks its binding against `expected` (unless
 // that is null), and only then extracts it into the existing `dir`. The

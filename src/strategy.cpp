@@ -456,7 +456,7 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
   FreshDirectory(io, delta_dir);
   io.Download(package, diff.download_link);
   const ExpectedBinding expected{id_, version, false, version - 1, false};
-  ExtractBoundPackage(package, delta_dir, &expected);
+  const PackageBinding binding = ExtractBoundPackage(package, delta_dir, &expected);
 
   const std::string index_path = delta_dir + "/patch_infos.json";
   Json::Value patch_infos;
@@ -471,6 +471,13 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
     const Json::Value& entry = patch_infos[name];
     _PatchFile(name, entry["operation"].asString(),
                delta_dir + "/" + entry["input_file"].asString());
+  }
+  if (version == remote_.data_version) {
+    // The chain must end in the release the last package vouches for.
+    std::map<std::string, bool> changed;
+    for (const auto& [name, info] : modify_infos_)
+      changed[name] = info.operation == ModifyInfo::kOverride;
+    CheckChainLeadsToManifest(binding.manifest, changed, install_prefix_);
   }
   io.RmRf(package);  // not read again; the destructor would remove it anyway
 }

@@ -525,4 +525,14 @@ void InitService() {
   }
 }
 
+void FinishInterruptedWork() {
+  try {
+    FileLock any_lock(UpdateAnyLock(), 0);
+    ServiceConfig config(std::make_shared<Config>(std::make_shared<IOUtils>()));
+    FinishWhatKilledRunsLeft(config);
+  } catch (const std::exception&) {
+    // A run under way finishes it; anything else waits for the next run.
+  }
+}
+
 }  // namespace vesk::dataupdate

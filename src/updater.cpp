@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <boost/filesystem.hpp>
+#include <cstdint>
 #include <exception>
 #include <fstream>
 #include <functional>
@@ -10,6 +11,7 @@
 #include <optional>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "dataupdate/error.h"
@@ -73,6 +75,87 @@ ManifestProducer ChainManifest(Manifest previous, std::set<std::string> modified
   };
 }
 
+// What the in-order walk over one file finds: whether it is there and its
+// digest, or the exception that querying or digesting it threw.
+struct Outcome {
+  bool exists = false;
+  std::string digest;
+  std::exception_ptr error;
+};
+
+// The outcomes of walking `names` below `root` in their order, as far as the
+// walk goes: it ends at the first file that throws, and with `expected` also
+// at the first file missing or not matching expected[i]. Files are queried in
+// order, then digested on up to one thread per core, largest first: a file is
+// digested by one thread from start to end, so a big file left to the end
+// would keep one core busy while the other idles.
+std::vector<Outcome> Walk(const std::vector<std::string>& names, const std::string& root,
+                          const std::vector<const std::string*>* expected) {
+  std::vector<Outcome> outcomes(names.size());
+  std::vector<std::string> paths(names.size());
+  std::vector<std::pair<std::uintmax_t, size_t>> jobs;  // (size, index)
+  size_t end = names.size();
+  for (size_t i = 0; i < end; ++i) {
+    paths[i] = JoinPath(root, names[i]);
+    try {
+      outcomes[i].exists = Exists(paths[i]);  // a removed file has nothing to record
+    } catch (...) {
+      outcomes[i].error = std::current_exception();
+      end = i + 1;
+      break;
+    }
+    if (!outcomes[i].exists) {
+      if (expected)
+        end = i + 1;
+      continue;
+    }
+    boost::system::error_code ec;  // a directory or a vanished file sorts as empty
+    const std::uintmax_t size = fs::file_size(paths[i], ec);
+    jobs.emplace_back(ec ? 0 : size, i);
+  }
+  outcomes.resize(end);
+  std::stable_sort(jobs.begin(), jobs.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
+
+  // A file that ends the walk makes the files after it in name order moot.
+  std::atomic<size_t> next{0};
+  std::atomic<size_t> last{end};
+  const auto ends_walk_at = [&last](size_t i) {
+    size_t seen = last;
+    while (i < seen && !last.compare_exchange_weak(seen, i)) {
+    }
+  };
+  const auto work = [&] {
+    for (size_t j = next++; j < jobs.size(); j = next++) {
+      const size_t i = jobs[j].second;
+      if (i > last)
+        continue;
+      try {
+        outcomes[i].digest = DigestOf(paths[i]);
+        if (expected && outcomes[i].digest != *(*expected)[i])
+          ends_walk_at(i);
+      } catch (...) {
+        outcomes[i].error = std::current_exception();
+        ends_walk_at(i);
+      }
+    }
+  };
+  const size_t workers = std::min(
+      {jobs.size(), kMaxDigestThreads, static_cast<size_t>(std::thread::hardware_concurrency())});
+  std::vector<std::thread> threads;
+  try {
+    for (size_t t = 1; t < workers; ++t)
+      threads.emplace_back(work);
+  } catch (const std::system_error&) {
+    // Fewer helpers, or none: this thread digests what they would have.
+  }
+  work();
+  for (std::thread& thread : threads)
+    thread.join();
+  outcomes.resize(last + 1 < end ? last + 1 : end);
+  return outcomes;
+}
+
 // The prepared strategy replaces the installed files between the pre and post
 // hooks; the status to record lists the files it modified with fresh digests.
 // The stored manifest is removed before the files change and the new one is
@@ -103,50 +186,14 @@ DatabaseStatus ApplyWithHooks(BaseStrategy& strategy, const std::string& id,
 
 std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files,
                                                   const std::string& root) {
-  // The files are digested by up to one thread per core, in order of their
-  // names. The result is that of digesting them one by one: the statuses of
-  // all, or the exception of the first file (in that order) that throws.
+  // The statuses of all files, or the exception of the first (in name order)
+  // that throws: what digesting them one by one gives.
   const std::vector<std::string> names(files.begin(), files.end());
-  struct Outcome {
-    bool exists = false;
-    std::string digest;
-    std::exception_ptr error;
-  };
-  std::vector<Outcome> outcomes(names.size());
-  std::atomic<size_t> next{0};
-  std::atomic<size_t> first_error{names.size()};
-  const auto work = [&] {
-    for (size_t i = next++; i < names.size() && i < first_error; i = next++) {
-      try {
-        const std::string path = JoinPath(root, names[i]);
-        outcomes[i].exists = Exists(path);  // a removed file has nothing to record
-        if (outcomes[i].exists)
-          outcomes[i].digest = DigestOf(path);
-      } catch (...) {
-        outcomes[i].error = std::current_exception();
-        size_t seen = first_error;
-        while (i < seen && !first_error.compare_exchange_weak(seen, i)) {
-        }
-      }
-    }
-  };
-  const size_t workers = std::min(
-      {names.size(), kMaxDigestThreads, static_cast<size_t>(std::thread::hardware_concurrency())});
-  std::vector<std::thread> threads;
-  try {
-    for (size_t t = 1; t < workers; ++t)
-      threads.emplace_back(work);
-  } catch (const std::system_error&) {
-    // Fewer helpers, or none: this thread digests what they would have.
-  }
-  work();
-  for (std::thread& thread : threads)
-    thread.join();
-  if (first_error < names.size())
-    std::rethrow_exception(outcomes[first_error].error);
-
+  std::vector<Outcome> outcomes = Walk(names, root, nullptr);
   std::map<std::string, FileStatus> statuses;
-  for (size_t i = 0; i < names.size(); ++i) {
+  for (size_t i = 0; i < outcomes.size(); ++i) {
+    if (outcomes[i].error)
+      std::rethrow_exception(outcomes[i].error);
     if (outcomes[i].exists)
       statuses.emplace_hint(statuses.end(), names[i], FileStatus{std::move(outcomes[i].digest)});
   }
@@ -154,13 +201,25 @@ std::map<std::string, FileStatus> CalculateStatus(std::set<std::string> files,
 }
 
 bool CheckStatus(const std::map<std::string, FileStatus>& statuses, const std::string& root) {
+  std::vector<std::string> names;
+  std::vector<const std::string*> expected;
+  names.reserve(statuses.size());
+  expected.reserve(statuses.size());
   for (const auto& [name, status] : statuses) {
-    const std::string path = JoinPath(root, name);
-    if (!Exists(path)) {
+    names.push_back(name);
+    expected.push_back(&status.sha384_digest);
+  }
+  // Only the first failure in name order counts, and is logged.
+  const std::vector<Outcome> outcomes = Walk(names, root, &expected);
+  for (size_t i = 0; i < outcomes.size(); ++i) {
+    if (outcomes[i].error)
+      std::rethrow_exception(outcomes[i].error);
+    const std::string path = JoinPath(root, names[i]);
+    if (!outcomes[i].exists) {
       log::Write(log::site::kFileGone, path);
       return false;
     }
-    if (DigestOf(path) != status.sha384_digest) {
+    if (outcomes[i].digest != *expected[i]) {
       log::Write(log::site::kDigestMismatch, path);
       return false;
     }

@@ -16,7 +16,9 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <vector>
 
@@ -46,6 +48,71 @@ using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
 // Larger than the historical 64 bytes: same result for good, failed and empty
 // streams, far fewer calls on large files.
 constexpr std::streamsize kDigestBlock = std::streamsize{64} * 1024;
+
+// Documents read before, kept while their file is found the same: a run over
+// many databases reads the configuration and the server's document once or
+// twice for each, and parsing them dominated its cost. Only files settled for
+// a second are kept, since a change within the same tick of the file system's
+// clock could leave their times as they were; any later change gives the file
+// a new change time (a replacement also a new inode).
+class KeptDocuments {
+ public:
+  static constexpr size_t kMaxFile = 128 * 1024;
+  static constexpr size_t kMaxKept = 1024 * 1024;  // bytes of text
+  static constexpr time_t kSettled = 1;            // seconds
+
+  // The document read from `path` while it had identity `seen`, if kept.
+  bool Find(const std::string& path, const struct stat& seen, Json::Value* value) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = kept_.find(path);
+    if (it == kept_.end() || !Same(it->second.identity, seen))
+      return false;
+    *value = it->second.value;
+    return true;
+  }
+
+  // Keeps `value`, read from `path` between two stats that both gave `seen`.
+  void Keep(const std::string& path, const struct stat& seen, const Json::Value& value) {
+    timespec now{};
+    if (!S_ISREG(seen.st_mode) || static_cast<size_t>(seen.st_size) > kMaxFile ||
+        clock_gettime(CLOCK_REALTIME, &now) != 0 || seen.st_ctim.tv_sec + kSettled >= now.tv_sec ||
+        seen.st_mtim.tv_sec + kSettled >= now.tv_sec)
+      return;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    auto it = kept_.find(path);
+    if (it != kept_.end()) {
+      bytes_ -= static_cast<size_t>(it->second.identity.st_size);
+      kept_.erase(it);
+    }
+    if (bytes_ + static_cast<size_t>(seen.st_size) > kMaxKept) {
+      kept_.clear();
+      bytes_ = 0;
+    }
+    kept_.emplace(path, Entry{seen, value});
+    bytes_ += static_cast<size_t>(seen.st_size);
+  }
+
+  static bool Same(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mode == b.st_mode && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
+           a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+  }
+
+ private:
+  struct Entry {
+    struct stat identity;
+    Json::Value value;
+  };
+  std::mutex mutex_;
+  std::map<std::string, Entry> kept_;
+  size_t bytes_ = 0;
+};
+
+KeptDocuments& Kept() {
+  static KeptDocuments kept;
+  return kept;
+}
 
 bool PathMissing(const std::string& path) {
   struct stat st;
@@ -158,13 +225,17 @@ std::pair<std::int64_t, std::uint64_t> IOUtils::GetFsSize(const std::string& pat
 }
 
 Json::Value IOUtils::ReadJson(const std::string& path) const {
+  struct stat before {};
+  const bool seen = stat(path.c_str(), &before) == 0 && S_ISREG(before.st_mode);
+  Json::Value root;
+  if (seen && Kept().Find(path, before, &root))
+    return root;
   std::ifstream in(path);
   if (PathMissing(path)) {
     throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
   }
   if (!in.is_open())
     throw UpdateError("Fail to read: " + path);
-  Json::Value root;
   Json::Reader reader;
   bool parsed = false;
   try {
@@ -179,6 +250,9 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
   }
   if (!parsed)
     throw UpdateError("Fail to decode: " + path);
+  struct stat after {};
+  if (seen && stat(path.c_str(), &after) == 0 && KeptDocuments::Same(before, after))
+    Kept().Keep(path, before, root);
   return root;
 }
 

@@ -102,4 +102,10 @@ class VESKDBUD_EXPORT Checker {
 // creates the databases' directory on it. Errors of construction reach the caller.
 VESKDBUD_EXPORT void InitService();
 
+// Finishes or undoes what a killed run left (an interrupted exchange of trees,
+// a volume move, the temporary area), unless a run is under way, which does it
+// itself. Never waits and never throws; what fails is logged. For read-only
+// callers such as a status display, which must not show a half-done state.
+VESKDBUD_EXPORT void FinishInterruptedWork();
+
 }  // namespace vesk::dataupdate

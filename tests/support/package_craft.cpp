@@ -106,9 +106,9 @@ void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::s
             publish::PublicKeyPem(key));
 }
 
-std::string DiffBinding(const std::string& id, int version) {
+std::string DiffBinding(const std::string& id, int version, const std::string& manifest) {
   return R"({"database":")" + id + R"(","kind":"diff","from":)" + std::to_string(version - 1) +
-         R"(,"manifest":{},"version":)" + std::to_string(version) + "}";
+         R"(,"manifest":)" + manifest + R"(,"version":)" + std::to_string(version) + "}";
 }
 
 std::vector<std::string> ListTree(const std::string& dir) {

@@ -32,9 +32,9 @@ CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind);
 void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
                   Compression compression = Compression::kZstd);
 
-// The binding of a diff package of `id` from `version` - 1 to `version`, with an
-// empty manifest, as the engine asks for it.
-std::string DiffBinding(const std::string& id, int version);
+// The binding of a diff package of `id` from `version` - 1 to `version`, as the
+// engine asks for it, with `manifest` (JSON text) as the release's files.
+std::string DiffBinding(const std::string& id, int version, const std::string& manifest = "{}");
 
 // Trusts `key` for `key_type`: writes its public PEM as
 // <root>/usr/vesk/etc/keys/<key_type>/<name>.pem.

@@ -10,7 +10,9 @@
 #include <chrono>
 #include <ctime>
 #include <functional>
+#include <map>
 #include <optional>
+#include <sstream>
 #include <thread>
 
 #include "dataupdate/file_lock.h"
@@ -453,6 +455,7 @@ TEST_F(CliTest, UnknownDatabasesAndUsageErrorsAreOneLineWithTheirStatus) {
       {"force-install", 2},
       {"force-install db1 two", 2},
       {"status --json --timeout 3", 2},
+      {"status --json --metrics", 2},
   };
   for (const auto& [args, status] : cases) {
     const Outcome o = Cli(args);
@@ -498,6 +501,21 @@ TEST_F(CliTest, FailedUpdateExitsOneAndIsRecorded) {
   const Outcome all = Cli("update --all");
   EXPECT_EQ(all.status, 1);
   EXPECT_EQ(all.err.rfind("veskdbud: Fail on project 'db1': Fail to wget url: ", 0), 0u) << all.err;
+}
+
+// A server that stops sending without closing: wget's read time-out, set in
+// the settings the tool hands it, fails each try, so the command ends well
+// within five minutes and frees its locks, and the next update goes through.
+TEST_F(CliTest, AStalledServerFailsTheUpdateInMinutesAndFreesTheLocks) {
+  PublishFirst();
+  repo.server().SetFaults(R"([{"match": "/full.pkg", "stall": 900, "stall_after": 100}])");
+  const Outcome stalled = Cli("update db1");
+  EXPECT_EQ(stalled.status, 1);
+  EXPECT_EQ(stalled.err.rfind("veskdbud: Fail to wget url: ", 0), 0u) << stalled.err;
+  EXPECT_LT(stalled.seconds, 300);
+  EXPECT_EQ(Cli("is-updating").status, 1);
+  repo.server().SetFaults("[]");
+  EXPECT_EQ(Cli("update db1").out, "db1: installed 20250601\n");
 }
 
 TEST_F(CliTest, WithoutAVolumeUpdatesRefuseAndInitChoosesOne) {
@@ -634,6 +652,66 @@ TEST_F(CliTest, ATerminalShowsDownloadProgressAndVerboseMirrorsTheLogUnlessAFile
   const Outcome chosen = Cli("update db1 -v", "VESKDBUD_LOG_FILE=" + ShellQuote(file));
   EXPECT_EQ(chosen.err.find(line), std::string::npos);
   EXPECT_NE(ReadFile(file).find(line), std::string::npos);
+}
+
+// The metrics file as Debian's prometheus_client parser reads it:
+// "<name>{database=<id>}" -> value; the parser's refusal fails the test.
+std::map<std::string, double> ParseMetrics(const std::string& path) {
+  const std::string script =
+      "import sys\n"
+      "from prometheus_client.parser import text_string_to_metric_families as parse\n"
+      "for f in parse(open(sys.argv[1]).read()):\n"
+      "  assert f.type == 'gauge' and f.documentation, f.name\n"
+      "  for s in f.samples:\n"
+      "    print(s.name + '{' + s.labels['database'] + '}', repr(s.value))\n";
+  std::istringstream lines(Capture("/usr/bin/python3 -c " + ShellQuote(script) + " " +
+                                   ShellQuote(path) + " || echo parse-failed 0"));
+  std::map<std::string, double> samples;
+  std::string key;
+  double value = 0;
+  while (lines >> key >> value)
+    samples[key] = value;
+  EXPECT_EQ(samples.count("parse-failed"), 0u) << ReadFile(path);
+  return samples;
+}
+
+TEST_F(CliTest, MetricsFileFollowsEachRunCountsDownloadsAndParses) {
+  PublishFirst();
+  const std::string metrics = io / "veskdbud.prom";
+  // A local setting over the default file, as an operator adds it.
+  sandbox.Write("/usr/vesk/etc/data_update/data_update.conf",
+                "{\"config\": {\"metrics_file\": \"" + metrics + "\"}}");
+  const long long start = std::time(nullptr);
+  ASSERT_EQ(Cli("update --all").status, 0);
+  std::map<std::string, double> m = ParseMetrics(metrics);
+  EXPECT_EQ(m["veskdbud_installed_version{db1}"], kV1);
+  EXPECT_EQ(m["veskdbud_server_version{db2}"], kV1);
+  EXPECT_EQ(m["veskdbud_last_run_success{db1}"], 1);
+  EXPECT_EQ(m["veskdbud_updating{db1}"], 0);
+  EXPECT_GE(m["veskdbud_last_success_timestamp_seconds{db2}"], start);
+  EXPECT_GT(m["veskdbud_last_run_duration_seconds{db1}"], 0);
+  // db1's run fetched the server's document and its full package; db2's
+  // found the document fresh and fetched only its package.
+  const auto size = [&](const std::string& name) {
+    return static_cast<double>(fs::file_size(repo.out_dir() + "/" + name));
+  };
+  EXPECT_EQ(m["veskdbud_last_run_downloaded_bytes{db1}"],
+            size("database_info/v1") + size("db1/v20250601/full.pkg"));
+  EXPECT_EQ(m["veskdbud_last_run_downloaded_bytes{db2}"], size("db2/v20250601/full.pkg"));
+  EXPECT_EQ(m.count("veskdbud_last_run_success{db3}"), 0u);  // never run: no sample
+  EXPECT_EQ(Cli("status --metrics").out, ReadFile(metrics));
+
+  // A failure is a 0 that keeps the time of the last success.
+  const double succeeded = m["veskdbud_last_success_timestamp_seconds{db1}"];
+  WriteServiceConfig("127.0.0.1:" + std::to_string(UnusedPort()) + "/repo", volume);
+  SetAge(sandbox.Path("/var/cache/data_update/database_info.json"), 7200);
+  EXPECT_EQ(Cli("update db1").status, 1);
+  m = ParseMetrics(metrics);
+  EXPECT_EQ(m["veskdbud_last_run_success{db1}"], 0);
+  EXPECT_EQ(m["veskdbud_last_success_timestamp_seconds{db1}"], succeeded);
+  EXPECT_EQ(m["veskdbud_last_run_downloaded_bytes{db1}"], 0);
+  for (const auto& entry : fs::directory_iterator(io.path()))
+    EXPECT_EQ(entry.path().filename().string().find(".tmp"), std::string::npos) << entry.path();
 }
 
 TEST(CliInstall, InstallsTheUnitsAndExamplesTheToolRunsWith) {

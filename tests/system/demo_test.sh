@@ -28,7 +28,9 @@ for evidence in "catalog: installed 20250601" "fetched /repo/catalog/v20250601/f
     "Prepare diff update: signatures" "web.rules digest check fail" \
     "signatures: repaired: reinstalled 20250604" "identical to the published file again" \
     "the databases moved from $work/sandbox/volume1 to $work/sandbox/volume2" \
-    "catalog: installed 20250602 (forced; was 20250604)" "catalog: updated 20250602 -> 20250604"; do
+    "catalog: installed 20250602 (forced; was 20250604)" \
+    "package is for signatures 20250604 (full), expected catalog 20250604 (full)" \
+    "catalog.db is unchanged" "catalog: updated 20250602 -> 20250604"; do
   grep -qF -- "$evidence" "$out" || { cat "$out"; fail "missing from the output: $evidence"; }
 done
 if pgrep -f -- "--directory $work/sandbox/served" >/dev/null; then

@@ -198,6 +198,8 @@ TEST_F(EngineTest, EveryDiffFailureFallsBackToTheFullPackageWithExactlyOneWarnin
        [&](auto& diffs) { diffs.at(2) = DiffInfo(repo.BaseUrl() + "/crafted.pkg", 100); }},
       {"Fail apply sql cmd: ",  // a local row where version 3 inserts one
        [&](auto&) { Query(prefix + "/data/items.db", "INSERT INTO items VALUES(230, 'local');"); }},
+      {"Diff chain does not lead to the published release: stray.txt is not in the release",
+       [&](auto&) { WriteFile(prefix + "/stray.txt", "not published"); }},
       {"Fail to apply vcdiff on ",
        [&](auto&) { fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff"); }},
   };

@@ -46,12 +46,13 @@ std::map<std::string, std::string> FilesOutside(const std::string& root,
 class HostileInputTest : public ServiceTest {
  protected:
   // Signs `entries` as a diff package with the repository's key and serves it.
-  std::map<int, DiffInfo> CraftedDiff(int version, const std::vector<CraftEntry>& entries) {
+  std::map<int, DiffInfo> CraftedDiff(int version, const std::vector<CraftEntry>& entries,
+                                      const std::string& manifest = "{}") {
     const std::string name = "crafted" + std::to_string(crafted_++) + ".pkg";
     WriteTarball(craft_ / "diff.tar", entries);
     auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
     vesk::publish::SignArchive(craft_ / "diff.tar", repo.out_dir() + "/" + name, key.get(), 6,
-                               DiffBinding("db1", version));
+                               DiffBinding("db1", version, manifest));
     return {{version, DiffInfo(repo.BaseUrl() + "/" + name, 100)}};
   }
 
@@ -191,8 +192,22 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
 
   // Names with odd bytes that stay inside are installed where they say.
   const std::string odd = "/odd \x01\t\"quoted\" back\\slash \xc3\xbf\n.txt";
-  const auto diffs = CraftedDiff(2, {FileEntry("patch_infos.json", entry(odd, "create", "new.txt")),
-                                     FileEntry("new.txt", "new")});
+  // The release a crafted diff leads to: what is installed, with `created`.
+  const auto release_with = [&](const std::string& created) {
+    Json::Value release;
+    for (const auto& [name, content] : Snapshot(prefix))
+      release[name]["size"] = static_cast<Json::UInt64>(content.size());
+    release[created]["size"] = 3;
+    for (const std::string& name : release.getMemberNames())
+      release[name]["sha384"] = std::string(96, '0');  // only sizes are checked before applying
+    Json::StreamWriterBuilder compact;
+    compact["indentation"] = "";
+    return Json::writeString(compact, release);
+  };
+  const auto diffs = CraftedDiff(
+      2,
+      {FileEntry("patch_infos.json", entry(odd, "create", "new.txt")), FileEntry("new.txt", "new")},
+      release_with(odd.substr(1)));
   log.Clear();
   WriteFile(manifest, manifest_one);
   Updater().Update("db1", one, repo.Remote("db1"), diffs, volume, prefix, volume);
@@ -231,8 +246,13 @@ TEST_F(HostileInputTest, PatchIndexNamesThatLeaveTheInstallDirectoryAreRefused) 
                         "\n");
   ASSERT_EQ(Shell("chmod +x " + ShellQuote(plugin)), 0);
   WriteFile(manifest, manifest_one);
+  const auto below_link_later =
+      CraftedDiff(2,
+                  {FileEntry("patch_infos.json", entry("/sub/table.txt", "create", "new.txt")),
+                   FileEntry("new.txt", "new")},
+                  release_with("sub/table.txt"));
   EXPECT_UPDATE_ERROR(
-      Updater().Update("db1", one, repo.Remote("db1"), below_link, volume, prefix, volume),
+      Updater().Update("db1", one, repo.Remote("db1"), below_link_later, volume, prefix, volume),
       "Fail to diff update: Refused to write outside the install directory: " + prefix +
           "/sub/table.txt");
   EXPECT_EQ(ReadFile(outside + "/table.txt"), "not the database's");

@@ -308,6 +308,10 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
       << "no kill came during the forced install's extraction";
   ExpectKilledCleanly(kFirst + 4);
   EXPECT_EQ(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 4), true), "");
+  // What a status display calls first clears the left-overs without an update.
+  FinishInterruptedWork();
+  EXPECT_FALSE(Exists(Staging()));
+  EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
 
   // 8. A plain file where the install directory belongs is replaced by it,
   // also when the release is up to date.

@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -130,6 +131,29 @@ TEST_F(StatusTest, CalculateRecordsTheDigestOfEachExistingFileBelowTheRoot) {
   EXPECT_EQ(CalculateStatus({"a.db"}, root.path()),
             (std::map<std::string, FileStatus>{{"a.db", {Sha384Of("")}}}));
   EXPECT_TRUE(log.Lines().empty()) << "a missing file is skipped silently";
+
+  // Files digested on several threads, largest first: each digest lands on
+  // its own name, none is left out, and a check stops at the first bad name
+  // even when a later, larger file was digested and failed first.
+  std::map<std::string, FileStatus> many;
+  for (int i = 0; i < 40; ++i) {
+    const std::string name = "many/f" + std::to_string(100 + i);
+    const size_t pages = i == 39 ? 64 : (i * 7919) % 40;  // sizes out of name order
+    const std::string content(pages * 4096 + i, static_cast<char>('a' + i % 26));
+    WriteFile(root / name, content);
+    many[name] = FileStatus{Sha384Of(content)};
+  }
+  std::set<std::string> names;
+  for (const auto& entry : many)
+    names.insert(entry.first);
+  names.insert("many/removed");
+  EXPECT_EQ(CalculateStatus(names, root.path()), many);
+  EXPECT_TRUE(CheckStatus(many, root.path()));
+  WriteFile(root / "many/f139", "changed");  // the largest, last in name order
+  WriteFile(root / "many/f105", "changed");
+  EXPECT_FALSE(CheckStatus(many, root.path()));
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{"err: updater.cpp:56 File " +
+                                                  (root / "many/f105") + " digest check fail"});
 }
 
 TEST_F(StatusTest, CheckFailsOnTheFirstBadFileInNameOrderAndLogsOnlyIt) {
@@ -301,19 +325,22 @@ TEST_F(InfoGetterTest, ReadsQuicklyOnlyWhatItWroteItself) {
   EXPECT_EQ(substituted.GetDatabaseStatus("db").data_version, 20250602);
 }
 
-// The version of a settled status file is kept between two readings in one
-// process, and never outlives a change of the file, even one of the same size.
+// The version of a settled status file, and a settled document read through
+// IOUtils::ReadJson, are kept between two readings in one process, and never
+// outlive a change of the file, even one of the same size.
 TEST_F(InfoGetterTest, AKeptVersionGivesWayToAnyChange) {
   info.SetDatabaseStatus("db", Recorded(20250601, 3));
   // Settled only once its change time, which no test can set back, is old enough.
   std::this_thread::sleep_for(std::chrono::milliseconds(2100));
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
+  EXPECT_EQ(io->ReadJson(path)["data_version"].asString(), "20250601");  // a kept document
 
   std::string text = ReadFile(path);
   text.replace(text.find("20250601"), 8, "20250602");
   WriteFile(path, text);  // in place, same size
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250602));
+  EXPECT_EQ(io->ReadJson(path)["data_version"].asString(), "20250602");
   WriteFile(path, "{}");
   EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt);
   EXPECT_EQ(info.GetDatabaseStatus("db").data_version, -1);

@@ -53,11 +53,14 @@ const std::vector<Command>& Commands() {
        {{}, {}, 1, 2, false},
        RunForceInstall},
       {"status",
-       "status [ID] [--json]",
+       "status [ID] [--json|--metrics]",
        "Show each database's installed version, the server's version as last fetched\n"
        "(no download), whether scheduled updates include it, where it is installed, the\n"
-       "current volume and the outcome of veskdbud's last update, fix or forced install.\n",
-       {{"--json"}, {}, 0, 1, false},
+       "current volume and the outcome of veskdbud's last update, fix or forced install.\n"
+       "--json prints the same as a JSON document; --metrics prints the Prometheus text\n"
+       "that the configured \"metrics_file\" receives after each update, fix and forced\n"
+       "install.\n",
+       {{"--json", "--metrics"}, {}, 0, 1, false},
        RunStatus},
       {"is-updating",
        "is-updating [ID]",

@@ -2,82 +2,22 @@
 // document was last fetched, and whether an update runs. Nothing here
 // downloads or changes a database.
 #include <json/writer.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <ctime>
 #include <iostream>
 #include <optional>
 #include <vector>
 
 #include "cli.h"
 #include "commands.h"
-#include "dataupdate/records.h"
-#include "dataupdate/update.h"
+#include "database_view.h"
 #include "last_result.h"
 #include "library.h"
-#include "system_paths.h"
+#include "metrics.h"
 
 namespace vesk::cli {
 namespace {
 
-using dataupdate::RemoteInfo;
-
-struct Row {
-  std::string id;
-  int installed = -1;
-  std::optional<int> server;
-  bool scheduled = true;
-  std::optional<std::string> install_directory;
-  Json::Value last_result;
-};
-
-struct ServerInfo {
-  Json::Value document;          // null when there is no readable cached copy
-  std::optional<long long> age;  // seconds since it was fetched
-};
-
-// The library's cached copy of the server's database-info document.
-ServerInfo ReadServerInfo(const dataupdate::IOUtils& io) {
-  const std::string path = SystemPath("/var/cache/data_update/database_info.json");
-  ServerInfo info;
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0)
-    return info;
-  info.age = static_cast<long long>(std::time(nullptr) - st.st_mtime);
-  try {
-    info.document = io.ReadJson(path);
-  } catch (const std::exception&) {
-    // Unreadable or being rewritten: the server's versions are unknown.
-  }
-  return info;
-}
-
-std::optional<int> ServerVersion(const Json::Value& document, const std::string& id) {
-  if (!document.isObject() || !document["db_list"].isObject() ||
-      !document["db_list"][id].isObject())
-    return std::nullopt;
-  try {
-    return RemoteInfo::FromJson(document["db_list"][id]).data_version;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
-}
-
-Row ReadRow(const Library& lib, const ServerInfo& server, const std::string& id) {
-  Row row;
-  row.id = id;
-  row.installed = lib.InstalledVersion(id);
-  row.server = ServerVersion(server.document, id);
-  const auto database = lib.service->GetDatabaseConfig(id);
-  row.scheduled = database->GetScheduled();
-  // A database kept on the volume has no directory while there is no volume.
-  if (!database->GetRootDirectory().empty())
-    row.install_directory = database->GetInstallPrefix();
-  row.last_result = ReadLastResult(*lib.io, id);
-  return row;
-}
+using Row = DatabaseView;
 
 void PrintJson(const std::string& volume, const ServerInfo& server, const std::vector<Row>& rows) {
   Json::Value out(Json::objectValue);
@@ -131,25 +71,25 @@ void PrintTable(const std::string& volume, const ServerInfo& server, const std::
   std::cout << std::flush;
 }
 
-// The library's probe takes the lock for an instant and reads any failure to
-// take it as "updating", including a lock file this user may not create. A lock
-// file that does not exist is held by nobody (writers create it before they
-// lock it and nothing removes it), so the tool answers that case itself.
-bool NoLockFile(const std::string& fixed) {
-  return access(SystemPath(fixed).c_str(), F_OK) != 0 && errno == ENOENT;
-}
-
 }  // namespace
 
 int RunStatus(const Args& args) {
+  if (args.Has("--json") && args.Has("--metrics"))
+    throw CliError(kExitUsage,
+                   "status: give --json or --metrics, not both (see 'veskdbud "
+                   "status --help')");
   Library lib;
   const std::vector<std::string> ids = lib.Databases(args.Operand(0));
+  // What the table shows is one release, not a tree a killed run left half exchanged.
+  dataupdate::FinishInterruptedWork();
   const std::string volume = lib.service->GetCurVolume();
   const ServerInfo server = ReadServerInfo(*lib.io);
   std::vector<Row> rows;
   for (const std::string& id : ids)
-    rows.push_back(ReadRow(lib, server, id));
-  if (args.Has("--json")) {
+    rows.push_back(ReadDatabaseView(lib, server, id));
+  if (args.Has("--metrics")) {
+    std::cout << MetricsText(lib, rows) << std::flush;
+  } else if (args.Has("--json")) {
     PrintJson(volume, server, rows);
   } else {
     PrintTable(volume, server, rows);
@@ -162,13 +102,9 @@ int RunIsUpdating(const Args& args) {
   bool updating = false;
   try {
     Library lib;
-    dataupdate::Checker checker(lib.service);
-    if (id.empty()) {
-      updating = !NoLockFile("/run/data_update/update_any.lock") && checker.IsAnyUpdating();
-    } else {
+    if (!id.empty())
       lib.RequireKnown(id);
-      updating = !NoLockFile("/run/data_update/update_" + id + ".lock") && checker.IsUpdating(id);
-    }
+    updating = IsUpdating(lib, id);
   } catch (const CliError&) {
     throw;
   } catch (const std::exception& e) {

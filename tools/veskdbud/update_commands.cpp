@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -18,6 +20,7 @@
 #include "download_output.h"
 #include "last_result.h"
 #include "library.h"
+#include "metrics.h"
 #include "system_paths.h"
 
 namespace vesk::cli {
@@ -48,16 +51,28 @@ std::optional<StatusFile> StatusFileNow(const std::string& id) {
   return StatusFile{st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
 }
 
+// When the database last succeeded, as the previous record tells: its own
+// field, or for a record without one its time when it succeeded.
+std::optional<long long> LastSuccess(const Json::Value& previous) {
+  if (previous["last_success_time"].isIntegral())
+    return previous["last_success_time"].asInt64();
+  if (previous["ok"].isBool() && previous["ok"].asBool() && previous["time"].isIntegral())
+    return previous["time"].asInt64();
+  return std::nullopt;
+}
+
 // Runs `work` on database `id` as operation `operation`, records the outcome
-// and prints "<id>: <line>" where `describe` gives (outcome, line) from the
-// installed versions before and after. `note_before` takes note of what else
-// `describe` compares. Failures are recorded and rethrown.
+// with its duration and the bytes `output` counted, and prints "<id>: <line>"
+// where `describe` gives (outcome, line) from the installed versions before
+// and after. `note_before` takes note of what else `describe` compares.
+// Failures are recorded and rethrown.
 void RunRecorded(
-    const Library& lib, dataupdate::Update& update, const std::string& id,
+    const Library& lib, DownloadOutput& output, dataupdate::Update& update, const std::string& id,
     const std::string& operation, const Describe& describe, const std::function<void()>& work,
     const std::function<void()>& note_before = [] {}) {
   LastResult result;
   result.operation = operation;
+  result.last_success_time = LastSuccess(ReadLastResult(*lib.io, id));
   // Looked at before it is read: a plain status file (read quickly, with no
   // log line) found the same afterwards was not written, so the version read
   // before still holds. Any other is read again, as it was before.
@@ -85,19 +100,29 @@ void RunRecorded(
     const std::optional<StatusFile> now = StatusFileNow(id);
     return quick && seen && now && *seen == *now ? *quick : lib.InstalledVersion(id);
   };
+  const std::optional<std::uint64_t> bytes_before = output.BytesSoFar();
+  const auto start = std::chrono::steady_clock::now();
+  const auto finish = [&] {
+    result.duration_seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const std::optional<std::uint64_t> bytes_after = output.BytesSoFar();
+    if (bytes_before && bytes_after)
+      result.bytes_downloaded = *bytes_after - *bytes_before;
+    result.time = std::time(nullptr);
+    result.version_after = version_after();
+  };
   try {
     work();
   } catch (const std::exception& e) {
     result.outcome = "failed";
     result.message = e.what();
-    result.time = std::time(nullptr);
-    result.version_after = version_after();
+    finish();
     RecordLastResult(*lib.io, id, result);
     throw;
   }
+  finish();
   result.ok = true;
-  result.time = std::time(nullptr);
-  result.version_after = version_after();
+  result.last_success_time = result.time;
   std::string line;
   std::tie(result.outcome, line) = describe(result.version_before, result.version_after);
   RecordLastResult(*lib.io, id, result);
@@ -132,7 +157,8 @@ std::pair<std::string, std::string> DescribeUpdate(int before, int after) {
 }
 
 // What update, fix and force-install share: `id` ("" for all) is configured,
-// a volume is recorded, and the library's downloads suit this stderr.
+// a volume is recorded, the library's downloads suit this stderr and are
+// counted, and the metrics file is written when the command ends, however.
 struct Session {
   Session(const Args& args, const std::string& id)
       : output(args.verbose, isatty(STDERR_FILENO) == 1), update(lib.MakeUpdate()) {
@@ -140,9 +166,13 @@ struct Session {
       lib.RequireKnown(id);
     lib.RequireVolume();
   }
+  ~Session() { WriteMetricsFile(lib); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
+  const LastResultsFlush flush;  // first made, so last gone: after every record
   const Library lib;
-  const DownloadOutput output;
+  DownloadOutput output;
   dataupdate::Update update;
 };
 
@@ -176,7 +206,7 @@ int RunUpdate(const Args& args) {
   const std::string id = OneOrAll(args);
   Session session(args, id);
   ForEach(session.lib, id, [&session](const std::string& db) {
-    RunRecorded(session.lib, session.update, db, "update", DescribeUpdate,
+    RunRecorded(session.lib, session.output, session.update, db, "update", DescribeUpdate,
                 [&] { session.update.UpdateProject(db); });
   });
   return kExitOk;
@@ -196,8 +226,8 @@ int RunFix(const Args& args) {
       return {"intact", "files intact at " + VersionText(after)};
     };
     RunRecorded(
-        session.lib, session.update, db, "fix", describe, [&] { session.update.FixProject(db); },
-        [&] { written_before = StatusWritten(db); });
+        session.lib, session.output, session.update, db, "fix", describe,
+        [&] { session.update.FixProject(db); }, [&] { written_before = StatusWritten(db); });
   });
   return kExitOk;
 }
@@ -210,7 +240,7 @@ int RunForceInstall(const Args& args) {
     return {"installed",
             "installed " + VersionText(after) + " (forced; was " + VersionText(before) + ")"};
   };
-  RunRecorded(session.lib, session.update, id, "force-install", describe,
+  RunRecorded(session.lib, session.output, session.update, id, "force-install", describe,
               [&] { session.update.ForceInstall(id, version); });
   return kExitOk;
 }
