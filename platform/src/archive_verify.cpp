@@ -44,18 +44,6 @@ Status HashPrefix(int fd, std::uint64_t length, Digest* digest) {
   return {};
 }
 
-template <typename Message>
-Status VerifySignature(EVP_PKEY* key, const Signature& signature, const Message& message) {
-  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-  // Ed25519 is one-shot and takes no digest of its own (NULL).
-  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key) != 1)
-    return Fail(VESKARCHIVE_E_INTERNAL, "Ed25519 verification unavailable");
-  if (EVP_DigestVerify(ctx.get(), signature.data(), signature.size(), message.data(),
-                       message.size()) != 1)
-    return Fail(VESKARCHIVE_E_BAD_SIGNATURE, "the signature does not match the package");
-  return {};
-}
-
 // The envelope's fields, checked against the file size and each other. A
 // version 2 package also has its binding section read into `binding`.
 Status ReadEnvelope(int fd, std::uint64_t file_size, std::uint64_t* length, Trailer* trailer,
@@ -183,9 +171,13 @@ Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* pac
   if (s.ok() && bound)
     s = HashBinding(binding, &binding_digest);
   if (s.ok()) {
-    s = bound ? VerifySignature(key.get(), fields.signature,
-                                MakeBoundSignedMessage(digest, trailer, binding_digest))
-              : VerifySignature(key.get(), fields.signature, MakeSignedMessage(digest, trailer));
+    if (bound) {
+      const BoundSignedMessage m = MakeBoundSignedMessage(digest, trailer, binding_digest);
+      s = VerifySignature(key.get(), fields.signature, m.data(), m.size());
+    } else {
+      const SignedMessage m = MakeSignedMessage(digest, trailer);
+      s = VerifySignature(key.get(), fields.signature, m.data(), m.size());
+    }
   }
   if (!s.ok())
     return Fail(s.code, path + ": " + s.detail);
@@ -198,6 +190,17 @@ Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* pac
   package->binding = std::move(binding);
   // A writer racing the hash would show here; later changes are caught at extraction.
   return CheckUnchanged(*package);
+}
+
+Status VerifySignature(EVP_PKEY* key, const envelope::Signature& signature,
+                       const std::uint8_t* message, size_t size) {
+  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  // Ed25519 is one-shot and takes no digest of its own (NULL).
+  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key) != 1)
+    return Fail(VESKARCHIVE_E_INTERNAL, "Ed25519 verification unavailable");
+  if (EVP_DigestVerify(ctx.get(), signature.data(), signature.size(), message, size) != 1)
+    return Fail(VESKARCHIVE_E_BAD_SIGNATURE, "the signature does not match the signed bytes");
+  return {};
 }
 
 Status CheckUnchanged(const VerifiedPackage& package) {

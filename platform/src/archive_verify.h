@@ -32,6 +32,11 @@ struct VerifiedPackage {
 
 Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* package);
 
+// VESKARCHIVE_E_BAD_SIGNATURE unless `signature` is the Ed25519 signature of
+// `message` by `key`.
+Status VerifySignature(EVP_PKEY* key, const envelope::Signature& signature,
+                       const std::uint8_t* message, size_t size);
+
 // VESKARCHIVE_E_CHANGED when the held file's identity, size or modification time
 // differ from those seen at verification (someone wrote to it in place).
 Status CheckUnchanged(const VerifiedPackage& package);

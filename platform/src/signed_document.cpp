@@ -67,12 +67,9 @@ Status Verify(const std::string& document, const std::string& signature, int key
   s = FindTrustedKey(key_type, fields.key_id, &key);
   if (!s.ok())
     return Fail(s.code, signature + ": " + s.detail);
-  EvpMdCtxPtr ctx(EVP_MD_CTX_new());
-  if (!ctx || EVP_DigestVerifyInit(ctx.get(), nullptr, nullptr, nullptr, key.get()) != 1)
-    return Fail(VESKARCHIVE_E_INTERNAL, "Ed25519 verification unavailable");
-  if (EVP_DigestVerify(ctx.get(), fields.signature.data(), fields.signature.size(), raw.data(),
-                       sig::kSignedSize) != 1)
-    return Fail(VESKARCHIVE_E_BAD_SIGNATURE, signature + ": the signature does not verify");
+  s = VerifySignature(key.get(), fields.signature, raw.data(), sig::kSignedSize);
+  if (!s.ok())
+    return Fail(s.code, signature + ": " + s.detail);
 
   // The signature is genuine; now it must be about these bytes under this name.
   if (fields.info_version != info_version)

@@ -191,11 +191,15 @@ std::string Sha384Hex(const std::string& path) {
   unsigned int len = 0;
   if (EVP_DigestFinal_ex(ctx.get(), digest, &len) != 1)
     throw PublishError("SHA-384 failed");
+  return HexOf(digest, len);
+}
+
+std::string HexOf(const unsigned char* bytes, size_t size) {
   static const char kHex[] = "0123456789abcdef";
   std::string hex;
-  for (unsigned int i = 0; i < len; ++i) {
-    hex += kHex[digest[i] >> 4];
-    hex += kHex[digest[i] & 15];
+  for (size_t i = 0; i < size; ++i) {
+    hex += kHex[bytes[i] >> 4];
+    hex += kHex[bytes[i] & 15];
   }
   return hex;
 }

@@ -28,6 +28,9 @@ std::uint64_t FileSize(const std::string& path);
 // True when the file begins with the given bytes.
 bool FileStartsWith(const std::string& path, const std::string& prefix);
 
+// `size` bytes as lowercase hexadecimal.
+std::string HexOf(const unsigned char* bytes, size_t size);
+
 // SHA-384 of the file's content, as lowercase hexadecimal.
 std::string Sha384Hex(const std::string& path);
 

@@ -89,13 +89,8 @@ KeyId KeyIdOf(EVP_PKEY* key) {
 }
 
 std::string KeyIdHex(EVP_PKEY* key) {
-  static const char kHex[] = "0123456789abcdef";
-  std::string hex;
-  for (std::uint8_t b : KeyIdOf(key)) {
-    hex += kHex[b >> 4];
-    hex += kHex[b & 15];
-  }
-  return hex;
+  const KeyId id = KeyIdOf(key);
+  return HexOf(id.data(), id.size());
 }
 
 void SignArchive(const std::string& archive_path, const std::string& package_path, EVP_PKEY* key,
