@@ -1,9 +1,12 @@
 #include "log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +41,22 @@ void Mirror(int priority, const char* message) noexcept {
   close(fd);
 }
 
+// Where no syslog daemon listens, syslog() makes three system calls per line
+// to find that out again, and drops the line. The socket is looked for once a
+// second instead; a daemon that starts gets lines from the next second on.
+bool SyslogListening() noexcept {
+  static std::atomic<long> checked_at{-1};
+  static std::atomic<bool> listening{false};
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  if (checked_at.load(std::memory_order_relaxed) != now.tv_sec) {
+    struct stat st;
+    listening.store(stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode), std::memory_order_relaxed);
+    checked_at.store(now.tv_sec, std::memory_order_relaxed);
+  }
+  return listening.load(std::memory_order_relaxed);
+}
+
 }  // namespace
 
 namespace detail {
@@ -60,7 +79,8 @@ void Emit(const Site* site, ...) noexcept {
 #pragma GCC diagnostic pop
   va_end(ap);
 
-  syslog(site->priority, "%s", message);
+  if (SyslogListening())
+    syslog(site->priority, "%s", message);
   Mirror(site->priority, message);
 }
 

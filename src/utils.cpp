@@ -226,7 +226,11 @@ std::pair<std::int64_t, std::uint64_t> IOUtils::GetFsSize(const std::string& pat
 
 Json::Value IOUtils::ReadJson(const std::string& path) const {
   struct stat before {};
-  const bool seen = stat(path.c_str(), &before) == 0 && S_ISREG(before.st_mode);
+  const bool found = stat(path.c_str(), &before) == 0;
+  const bool seen = found && S_ISREG(before.st_mode);
+  // Optional files (the local configuration) are missing more often than not.
+  if (!found && (errno == ENOENT || errno == ENOTDIR))
+    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
   Json::Value root;
   if (seen && Kept().Find(path, before, &root))
     return root;

@@ -1,6 +1,7 @@
 #include "download_output.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,7 +20,6 @@ namespace {
 
 // A line no wget writes; the reader counts these to tell BytesSoFar that it
 // has read everything before it.
-const char kMarker[] = "\x01veskdbud-marker\n";
 // Ends the reader even when some process still holds the FIFO open.
 const char kStop[] = "\x01veskdbud-stop\n";
 
@@ -94,7 +94,6 @@ DownloadOutput::DownloadOutput(bool verbose, bool terminal) : verbose_(verbose) 
   if (mkfifo(fifo.c_str(), 0600) != 0 ||
       (read_fd_ = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) < 0 ||
       (write_fd_ = open(fifo.c_str(), O_WRONLY | O_CLOEXEC)) < 0 ||
-      fcntl(read_fd_, F_SETFL, 0) != 0 ||
       !WriteFile(rc, UserStartupFile() + Settings(terminal, fifo))) {
     return;  // the destructor cleans up what was made
   }
@@ -121,54 +120,57 @@ DownloadOutput::~DownloadOutput() {
   unsetenv("WGETRC");
 }
 
-void DownloadOutput::Read() {
-  std::string pending;
+// Everything the FIFO holds is read and counted under the mutex, by the
+// reader thread when poll wakes it and by BytesSoFar itself, so a caller never
+// waits for the other thread: what the finished downloads wrote is either
+// still in the FIFO or already counted.
+bool DownloadOutput::DrainLocked() {
   char buffer[4096];
   for (;;) {
     const ssize_t n = read(read_fd_, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR)
       continue;
+    if (n < 0 && errno == EAGAIN)
+      return true;
     if (n <= 0)
-      break;
-    pending.append(buffer, static_cast<size_t>(n));
+      return false;
+    pending_.append(buffer, static_cast<size_t>(n));
     size_t end;
-    while ((end = pending.find('\n')) != std::string::npos) {
-      const std::string line = pending.substr(0, end + 1);
-      pending.erase(0, end + 1);
-      const std::lock_guard<std::mutex> hold(mutex_);
+    while ((end = pending_.find('\n')) != std::string::npos) {
+      const std::string line = pending_.substr(0, end + 1);
+      pending_.erase(0, end + 1);
       if (line == kStop)
-        return;
-      if (line == kMarker) {
-        ++markers_seen_;
-        seen_.notify_all();
-        continue;
-      }
+        return false;
       if (const std::optional<std::uint64_t> bytes = SavedBytes(line))
         bytes_ += *bytes;
       if (verbose_)
         std::cerr << line << std::flush;
     }
   }
+}
+
+void DownloadOutput::Read() {
+  for (;;) {
+    pollfd ready{read_fd_, POLLIN, 0};
+    if (poll(&ready, 1, -1) < 0 && errno != EINTR)
+      break;
+    const std::lock_guard<std::mutex> hold(mutex_);
+    if (reader_done_ || !DrainLocked())
+      break;
+  }
   const std::lock_guard<std::mutex> hold(mutex_);
-  reader_done_ = true;  // no more lines can come
-  seen_.notify_all();
+  reader_done_ = true;  // no more lines are counted
 }
 
 std::optional<std::uint64_t> DownloadOutput::BytesSoFar() {
   if (!reader_.joinable())
     return std::nullopt;
-  std::unique_lock<std::mutex> hold(mutex_);
-  if (reader_done_)
+  const std::lock_guard<std::mutex> hold(mutex_);
+  if (reader_done_ || !DrainLocked()) {
+    reader_done_ = true;
     return std::nullopt;
-  const std::uint64_t marker = ++markers_sent_;
-  hold.unlock();
-  // A short write to a FIFO is atomic, so the marker arrives whole, after
-  // every line the finished downloads wrote.
-  if (!WriteAll(write_fd_, kMarker))
-    return std::nullopt;
-  hold.lock();
-  seen_.wait(hold, [&] { return markers_seen_ >= marker || reader_done_; });
-  return reader_done_ ? std::nullopt : std::optional<std::uint64_t>(bytes_);
+  }
+  return bytes_;
 }
 
 }  // namespace vesk::cli

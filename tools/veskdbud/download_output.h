@@ -18,7 +18,6 @@
 // plain log: the tool's own lines (and the library's with --verbose).
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -41,22 +40,21 @@ class DownloadOutput {
 
   // The bytes that every finished download has brought so far; nullopt when
   // they are not counted (the user's own WGETRC). Call it only while no
-  // download runs: it waits until the reader has seen everything written.
+  // download runs: it counts what is still in the FIFO itself.
   std::optional<std::uint64_t> BytesSoFar();
 
  private:
   void Read();
+  bool DrainLocked();  // false at the end of the FIFO, an error or the stop line
 
   bool verbose_;
   std::string dir_;
   int read_fd_ = -1;
-  int write_fd_ = -1;  // keeps the FIFO open between downloads; a marker line
+  int write_fd_ = -1;  // keeps the FIFO open between downloads
   std::thread reader_;
   std::mutex mutex_;
-  std::condition_variable seen_;
+  std::string pending_;  // a line not yet ended
   std::uint64_t bytes_ = 0;
-  std::uint64_t markers_sent_ = 0;
-  std::uint64_t markers_seen_ = 0;
   bool reader_done_ = false;  // it met an error: nothing is counted any more
 };
 
