@@ -13,6 +13,10 @@
 //   veskdbud-bench sql-apply DATABASE DIFF
 //       Applies the ".sqlitediff" DIFF to DATABASE the way a diff update does
 //       (DiffStrategy::_DoSqlitePatch).
+//   veskdbud-bench stat ROOT LIST
+//       One fstatat, relative to the open ROOT, of every name listed in LIST
+//       (one per line): the least any check of existence and size must do.
+//       Exit 0 when every name is a regular file, 1 otherwise.
 //   veskdbud-bench lock-handoff PATH COUNT filelock|flock SEED
 //       COUNT hand-offs of an exclusive lock on PATH from this process to a
 //       child waiting in FileLock (or, for the baseline, in a blocking flock);
@@ -20,6 +24,7 @@
 //       waiter holding the lock.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +38,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -196,9 +202,24 @@ int LockHandoff(const std::string& path, int count, bool use_filelock, unsigned 
   return failures == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
 }
 
+int StatEach(const std::string& root, const std::string& list) {
+  const int dir = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir < 0)
+    throw std::runtime_error("cannot open " + root);
+  std::ifstream names(list);
+  std::string name;
+  int missing = 0;
+  struct stat st;
+  while (std::getline(names, name))
+    missing += fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode);
+  close(dir);
+  return missing == 0 ? 0 : 1;
+}
+
 int Usage() {
   std::cerr << "usage: veskdbud-bench digest|calculate ROOT MANIFEST\n"
                "       veskdbud-bench sql-apply DATABASE DIFF\n"
+               "       veskdbud-bench stat ROOT LIST\n"
                "       veskdbud-bench lock-handoff PATH COUNT filelock|flock SEED\n";
   return kExitUsage;
 }
@@ -210,6 +231,8 @@ int main(int argc, char** argv) {
   try {
     if (args.size() == 3 && (args[0] == "digest" || args[0] == "calculate"))
       return Digest(args[1], args[2], args[0] == "calculate");
+    if (args.size() == 3 && args[0] == "stat")
+      return StatEach(args[1], args[2]);
     if (args.size() == 3 && args[0] == "sql-apply")
       return SqlApply(args[1], args[2]);
     if (args.size() == 5 && args[0] == "lock-handoff" &&
