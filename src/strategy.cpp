@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,10 +10,8 @@
 #include <SQLiteCpp/Transaction.h>
 #include <json/value.h>
 #include <sqlite3.h>
-#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <vector>
@@ -25,6 +22,7 @@
 #include "file_copy.h"
 #include "log_sites.h"
 #include "package_binding.h"
+#include "package_plan.h"
 #include "staged_tree.h"
 #include "vesk/root.h"
 #include "vlib/vlibc.h"
@@ -44,164 +42,6 @@ void FreshDirectory(const IOUtils& io, const std::string& path) {
   io.VeskMkdir(path);
 }
 
-// ------------------------------------------------ names from a package's index
-
-// A name as messages show it: control bytes and "\" escaped, at most 200 bytes.
-std::string Shown(const std::string& name) {
-  constexpr size_t kLimit = 200;
-  std::string shown;
-  for (size_t i = 0; i < name.size() && i < kLimit; ++i) {
-    const auto c = static_cast<unsigned char>(name[i]);
-    if (c < 0x20 || c == 0x7f || c == '\\') {
-      char hex[8];
-      std::snprintf(hex, sizeof hex, "\\x%02x", c);
-      shown += hex;
-    } else {
-      shown += static_cast<char>(c);
-    }
-  }
-  return name.size() > kLimit ? shown + "..." : shown;
-}
-
-std::vector<std::string> Components(const std::string& relative) {
-  std::vector<std::string> parts;
-  size_t start = 0;
-  while (true) {
-    const size_t end = relative.find('/', start);
-    parts.push_back(relative.substr(start, end == std::string::npos ? end : end - start));
-    if (end == std::string::npos)
-      return parts;
-    start = end + 1;
-  }
-}
-
-enum class NameProblem { kNone, kNul, kTooLong, kBadComponent };
-
-// Whether `relative` names something strictly below a directory by plain
-// components: no NUL, no empty, "." or ".." component, within NAME_MAX per
-// component and PATH_MAX in all.
-NameProblem CheckRelativeName(const std::string& relative) {
-  if (relative.find('\0') != std::string::npos)
-    return NameProblem::kNul;
-  if (relative.size() >= PATH_MAX)
-    return NameProblem::kTooLong;
-  bool too_long = false;
-  for (const std::string& part : Components(relative)) {
-    if (part.empty() || part == "." || part == "..")
-      return NameProblem::kBadComponent;
-    too_long = too_long || part.size() > NAME_MAX;
-  }
-  return too_long ? NameProblem::kTooLong : NameProblem::kNone;
-}
-
-// Whether `path`, with every link in its existing part resolved, lies inside
-// the directory `base` (itself resolved). Missing trailing parts are taken as
-// they are written; they hold no ".." (the names were checked first).
-bool ResolvesInside(const std::string& path, const std::string& base) {
-  boost::system::error_code ec;
-  const fs::path root = fs::weakly_canonical(base, ec);
-  if (ec)
-    return false;
-  const fs::path resolved = fs::weakly_canonical(path, ec);
-  if (ec)
-    return false;
-  const auto parts = [](const fs::path& p) {
-    std::vector<std::string> names;
-    for (const fs::path& part : p) {
-      if (part != "." && !part.empty())
-        names.push_back(part.string());
-    }
-    return names;
-  };
-  const std::vector<std::string> outer = parts(root);
-  const std::vector<std::string> inner = parts(resolved);
-  return inner.size() > outer.size() && std::equal(outer.begin(), outer.end(), inner.begin());
-}
-
-// Before ApplyUpdate writes or removes anything: every target lies inside the
-// install directory, also through links already there.
-void CheckTargetsInside(const std::map<std::string, ModifyInfo>& infos,
-                        const std::string& install_prefix) {
-  for (const auto& entry : infos) {
-    const std::string& name = entry.first;
-    const std::string relative = !name.empty() && name[0] == '/' ? name.substr(1) : name;
-    const std::string target = (fs::path(install_prefix) / name).string();
-    if (CheckRelativeName(relative) != NameProblem::kNone ||
-        !ResolvesInside(target, install_prefix)) {
-      throw UpdateError("Refused to write outside the install directory: " + Shown(target));
-    }
-  }
-}
-
-// Every entry of one version's "patch_infos.json", checked before any of them
-// is applied: an object of objects with string "operation" and "input_file";
-// a name that begins with "/" and stays below the install directory, also
-// through links; for "create" and "update", an input that is a regular file
-// below the extracted package; and no two names sharing one temporary file.
-void CheckPatchInfos(const Json::Value& patch_infos, const std::string& index_path,
-                     const std::string& delta_dir, const std::string& install_prefix,
-                     const std::map<std::string, ModifyInfo>& earlier) {
-  if (!patch_infos.isObject())
-    throw UpdateError("Invalid patch infos: " + index_path);
-  std::map<std::string, std::string> flat_owner;
-  for (const auto& entry : earlier)
-    flat_owner.emplace(FlatFileName(entry.first), entry.first);
-
-  for (const std::string& name : patch_infos.getMemberNames()) {
-    const auto refuse = [&name](const std::string& reason) {
-      return UpdateError("Invalid patch info for " + Shown(name) + ": " + reason);
-    };
-    const Json::Value& info = patch_infos[name];
-    if (!info.isObject())
-      throw refuse("not an object");
-    if (!info["operation"].isString())
-      throw refuse("\"operation\" is not a string");
-    if (!info["input_file"].isString())
-      throw refuse("\"input_file\" is not a string");
-
-    if (name.find('\0') != std::string::npos)
-      throw refuse("NUL in the name");
-    if (name.empty() || name[0] != '/')
-      throw refuse("the name must begin with \"/\"");
-    switch (install_prefix.size() + name.size() >= PATH_MAX ? NameProblem::kTooLong
-                                                            : CheckRelativeName(name.substr(1))) {
-      case NameProblem::kNone:
-        break;
-      case NameProblem::kNul:
-        throw refuse("NUL in the name");
-      case NameProblem::kTooLong:
-        throw refuse("name longer than the system allows");
-      case NameProblem::kBadComponent:
-        throw refuse("empty, \".\" or \"..\" component in the name");
-    }
-    if (!ResolvesInside(install_prefix + name, install_prefix))
-      throw refuse("it leads outside the install directory through a link");
-
-    const std::string operation = info["operation"].asString();
-    if (operation == "create" || operation == "update") {
-      const std::string input = info["input_file"].asString();
-      if (input.empty() || input[0] == '/' || CheckRelativeName(input) != NameProblem::kNone ||
-          delta_dir.size() + 1 + input.size() >= PATH_MAX) {
-        throw refuse("\"input_file\" must be a relative name inside the package");
-      }
-      std::string walked = delta_dir;
-      for (const std::string& part : Components(input)) {
-        walked += "/" + part;
-        struct stat st;
-        const bool last = walked.size() == delta_dir.size() + 1 + input.size();
-        if (lstat(walked.c_str(), &st) != 0 || S_ISLNK(st.st_mode) ||
-            (last ? !S_ISREG(st.st_mode) : !S_ISDIR(st.st_mode))) {
-          throw refuse("\"input_file\" is not a regular file in the package");
-        }
-      }
-    }
-
-    const auto [owner, added] = flat_owner.emplace(FlatFileName(name), name);
-    if (!added && owner->second != name)
-      throw refuse("its temporary file is also that of " + Shown(owner->second));
-  }
-}
-
 // Puts the prepared file `from` (in the temporary tree, removed afterwards) at
 // the missing path `to`. With `may_move` (no other target takes its content
 // from `from`), a regular file is moved when both are on one file system and
@@ -214,6 +54,56 @@ void PlaceFile(const fs::path& from, const fs::path& to, bool may_move) {
     return;
   }
   CopyFileContents(from.string(), to.string());
+}
+
+// Carries `plan` out in the staging tree `staging`: the planned names are
+// unlinked there first (a link to the installed file is never written
+// through), then each write is placed.
+void WritePlan(const Plan& plan, const std::string& staging) {
+  for (const auto& entry : plan) {
+    const fs::path staged = fs::path(staging) / entry.first;
+    if (fs::exists(fs::symlink_status(staged)))
+      fs::remove(staged);
+  }
+  // Two names can share one prepared file ("a.b" and "a_b" flatten alike).
+  std::map<std::string, int> readers;
+  for (const auto& entry : plan) {
+    if (entry.second.operation == ModifyInfo::kOverride)
+      ++readers[entry.second.path];
+  }
+  for (const auto& [name, info] : plan) {
+    if (info.operation != ModifyInfo::kOverride)
+      continue;
+    const fs::path staged = fs::path(staging) / name;
+    fs::create_directories(staged.parent_path());
+    PlaceFile(info.path, staged, readers[info.path] == 1);
+  }
+}
+
+// Prepares the result of one step in the sum directory.
+void Prepare(DiffStrategy& strategy, const PatchStep& step, const std::string& install_prefix) {
+  IOUtils io;
+  switch (step.kind) {
+    case PatchStep::Kind::kCreate:
+      io.CopyFile(step.input, step.prepared);
+      return;
+    case PatchStep::Kind::kDelete:
+      return;
+    case PatchStep::Kind::kUpdate:
+      break;
+  }
+  // Boost reports "not found" through the error code too: only a status that
+  // could not be determined at all is a failure.
+  boost::system::error_code ec;
+  const fs::file_status status = fs::status(step.prepared, ec);
+  if (status.type() == fs::status_error)
+    throw UpdateError("Fail to get exists info from " + step.prepared);
+  if (status.type() == fs::file_not_found)
+    io.CopyFile(install_prefix + step.name, step.prepared);
+  if (step.decoder == PatchStep::Decoder::kVcdiff)
+    strategy._DoVcPatch(step.prepared, step.input);
+  else
+    strategy._DoSqlitePatch(step.prepared, step.input);
 }
 
 }  // namespace
@@ -308,49 +198,20 @@ void FullStrategy::PrepareUpdate() {
 }
 
 void FullStrategy::_CalModifyInfo() {
-  IOUtils io;
-  try {
-    const fs::path base = fs::canonical(extract_path_);
-    io.IterateDirectory(
-        extract_path_,
-        [&](const std::string& path) {
-          if (!fs::is_regular_file(fs::status(path)))
-            return;
-          const fs::path file = fs::canonical(path);
-          const fs::path relative = file.lexically_relative(base);
-          if (relative.empty() || *relative.begin() == "..")
-            throw UpdateError("path not in base");
-          modify_infos_[relative.string()] = ModifyInfo{ModifyInfo::kOverride, path};
-        },
-        true);
-  } catch (const std::exception& e) {
-    throw UpdateError(std::string("Fail to calculate modify info: ") + e.what());
-  }
+  modify_infos_ = PlanFullPackage(extract_path_);
 }
 
 void FullStrategy::ApplyUpdate() {
-  bool not_override = false;
   try {
     // The new tree is built whole beside the installed one and then takes its
     // place in one step; readers holding the use lock see one or the other.
     StagedTree tree(id_, install_prefix_);
     CheckTargetsInside(modify_infos_, tree.path());
-    for (const auto& [name, info] : modify_infos_) {
-      if (info.operation != ModifyInfo::kOverride) {
-        not_override = true;
-        break;
-      }
-      const fs::path target = fs::path(tree.path()) / name;
-      fs::create_directories(target.parent_path());
-      PlaceFile(info.path, target, true);  // one target per extracted file
-    }
-    if (!not_override)
-      tree.Exchange();
+    WritePlan(modify_infos_, tree.path());
+    tree.Exchange();
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to full update: ") + e.what());
   }
-  if (not_override)
-    throw UpdateError("operation not set to override");
 }
 
 std::set<std::string> FullStrategy::GetModifiedFiles() const {
@@ -466,11 +327,10 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
     throw UpdateError("Fail to decode: " + index_path);
   }
   // Nothing of this version is applied unless all of it is acceptable.
-  CheckPatchInfos(patch_infos, index_path, delta_dir, install_prefix_, modify_infos_);
-  for (const std::string& name : patch_infos.getMemberNames()) {
-    const Json::Value& entry = patch_infos[name];
-    _PatchFile(name, entry["operation"].asString(),
-               delta_dir + "/" + entry["input_file"].asString());
+  for (const PatchStep& step : PlanDiffVersion(patch_infos, index_path, delta_dir, install_prefix_,
+                                               sum_dir_, modify_infos_)) {
+    Prepare(*this, step, install_prefix_);
+    modify_infos_[step.name] = step.Result();
   }
   if (version == remote_.data_version) {
     // The chain must end in the release the last package vouches for.
@@ -484,39 +344,9 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
 
 void DiffStrategy::_PatchFile(const std::string& file_name, const std::string& operation,
                               const std::string& input_path) {
-  IOUtils io;
-  const std::string sum_path = sum_dir_ + "/" + FlatFileName(file_name);
-  const std::string installed_path = install_prefix_ + file_name;
-
-  if (operation == "create") {
-    io.CopyFile(input_path, sum_path);
-    modify_infos_[file_name] = ModifyInfo{ModifyInfo::kOverride, sum_path};
-  } else if (operation == "update") {
-    // Boost reports "not found" through the error code too: only a status that
-    // could not be determined at all is a failure.
-    boost::system::error_code ec;
-    const fs::file_status status = fs::status(sum_path, ec);
-    if (status.type() == fs::status_error) {
-      throw UpdateError("Fail to get exists info from " + sum_path);
-    }
-    if (status.type() == fs::file_not_found)
-      io.CopyFile(installed_path, sum_path);
-
-    const std::string extension = fs::path(input_path).extension().string();
-    if (extension == ".vcdiff") {
-      _DoVcPatch(sum_path, input_path);
-    } else if (extension == ".sqlitediff") {
-      _DoSqlitePatch(sum_path, input_path);
-    } else {
-      throw UpdateError("Unsupported diff type: " + extension);
-    }
-    modify_infos_[file_name] = ModifyInfo{ModifyInfo::kOverride, sum_path};
-  } else if (operation == "delete") {
-    modify_infos_[file_name] = ModifyInfo{ModifyInfo::kDelete, sum_path};
-  } else {
-    throw UpdateError(
-        (NoexceptFormat("Unknown operation %s for file %s") % operation % file_name).str());
-  }
+  const PatchStep step = PlanPatch(file_name, operation, input_path, sum_dir_);
+  Prepare(*this, step, install_prefix_);
+  modify_infos_[file_name] = step.Result();
 }
 
 void DiffStrategy::_DoVcPatch(const std::string& target, const std::string& delta) {
@@ -586,24 +416,7 @@ void DiffStrategy::ApplyUpdate() {
     // step.
     StagedTree tree(id_, install_prefix_);
     tree.LinkInstalledFiles();
-    for (const auto& entry : modify_infos_) {
-      const fs::path staged = fs::path(tree.path()) / entry.first;
-      if (fs::exists(fs::symlink_status(staged)))
-        fs::remove(staged);  // a link to the installed file: never written through
-    }
-    // Two names can share one prepared file ("a.b" and "a_b" flatten alike).
-    std::map<std::string, int> readers;
-    for (const auto& entry : modify_infos_) {
-      if (entry.second.operation == ModifyInfo::kOverride)
-        ++readers[entry.second.path];
-    }
-    for (const auto& [name, info] : modify_infos_) {
-      if (info.operation != ModifyInfo::kOverride)
-        continue;
-      const fs::path staged = fs::path(tree.path()) / name;
-      fs::create_directories(staged.parent_path());
-      PlaceFile(info.path, staged, readers[info.path] == 1);
-    }
+    WritePlan(modify_infos_, tree.path());
     tree.Exchange();
   } catch (const std::exception& e) {
     throw UpdateError(std::string("Fail to diff update: ") + e.what());

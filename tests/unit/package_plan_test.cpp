@@ -1,0 +1,145 @@
+// The plan of an update over a temporary tree: every refusal and every
+// operation of a diff package's index, a full package's names, and the check
+// of targets against links already installed.
+#include "package_plan.h"
+
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <limits.h>
+
+#include <boost/filesystem.hpp>
+
+#include "dataupdate/io_utils.h"
+#include "test_support.h"
+
+namespace fs = boost::filesystem;
+using namespace vesk::dataupdate;
+using namespace vesk::test;
+
+namespace {
+
+// `name` as a JSON string literal; a NUL byte as \u0000.
+std::string Quoted(const std::string& name) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, Json::Value(name));
+}
+
+std::string Entry(const std::string& name, const std::string& operation, const std::string& input) {
+  return Quoted(name) + R"(: {"operation": ")" + operation + R"(", "input_file": )" +
+         Quoted(input) + "}";
+}
+
+class PackagePlanTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* file : {"install/readme.txt", "install/sub/t.txt", "outside/x",
+                             "delta/new.txt", "delta/deep/in.txt", "delta/d.vcdiff",
+                             "delta/d.sqlitediff", "delta/d.bsdiff", "delta/dir/x"})
+      WriteFile(dir / file, "x");
+    fs::create_symlink(dir / "outside", install + "/out");
+    fs::create_symlink("new.txt", delta + "/link.txt");
+    fs::create_symlink("deep", delta + "/linked");
+    fs::create_symlink(".", install + "/here");
+  }
+
+  std::vector<PatchStep> PlanIndex(const std::string& text, const Plan& earlier = {}) {
+    Json::Value index;
+    EXPECT_TRUE(Json::Reader().parse(text, index)) << text;
+    return PlanDiffVersion(index, delta + "/patch_infos.json", delta, install, dir / "sum",
+                           earlier);
+  }
+
+  TempDir dir;
+  std::string install = dir / "install";
+  std::string delta = dir / "delta";
+};
+
+TEST_F(PackagePlanTest, EveryRefusalOfADiffIndexNamesTheEntryAndTheReason) {
+  const std::string long_component(NAME_MAX + 1, 'n');
+  std::string long_path;  // short enough alone, too long below the prefix
+  while (long_path.size() + 4 < PATH_MAX)
+    long_path += "/dir";
+  const std::string bad = "empty, \".\" or \"..\" component in the name";
+  const std::string too_long = "name longer than the system allows";
+  const std::string not_relative = "\"input_file\" must be a relative name inside the package";
+  const std::string not_file = "\"input_file\" is not a regular file in the package";
+  const std::string link = "it leads outside the install directory through a link";
+  struct Row {
+    std::string name, operation, input, shown, reason;
+  };
+  const std::vector<Row> rows{
+      {"/../x", "delete", "", "/../x", bad},
+      {"/sub/./t.txt", "create", "new.txt", "/sub/./t.txt", bad},
+      {"/sub//t.txt", "delete", "", "/sub//t.txt", bad},
+      {"x", "create", "new.txt", "x", "the name must begin with \"/\""},
+      {std::string("/ok\0/../x", 9), "delete", "", "/ok\\x00/../x", "NUL in the name"},
+      {"/" + long_component, "delete", "", ("/" + long_component).substr(0, 200) + "...", too_long},
+      {long_path, "delete", "", long_path.substr(0, 200) + "...", too_long},
+      {"/out/x", "create", "new.txt", "/out/x", link},
+      {"/here", "delete", "", "/here", link},  // the install directory itself
+      {"/a", "create", "../install/readme.txt", "/a", not_relative},
+      {"/a", "update", install + "/readme.txt", "/a", not_relative},
+      {"/a", "create", "", "/a", not_relative},
+      {"/a", "create", "link.txt", "/a", not_file},
+      {"/a", "create", "linked/in.txt", "/a", not_file},
+      {"/a", "create", "dir", "/a", not_file},
+      {"/a", "update", "gone.vcdiff", "/a", not_file},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.shown + " " + row.input);
+    EXPECT_UPDATE_ERROR(PlanIndex("{" + Entry(row.name, row.operation, row.input) + "}"),
+                        "Invalid patch info for " + row.shown + ": " + row.reason);
+  }
+  const std::vector<std::pair<std::string, std::string>> shapes{
+      {R"({"/a": "create"})", "Invalid patch info for /a: not an object"},
+      {R"({"/a": {"input_file": "new.txt"}})",
+       "Invalid patch info for /a: \"operation\" is not a string"},
+      {R"({"/a": {"operation": "delete", "input_file": []}})",
+       "Invalid patch info for /a: \"input_file\" is not a string"},
+      {"{" + Entry("/a.b", "create", "new.txt") + ", " + Entry("/a_b", "delete", "") + "}",
+       "Invalid patch info for /a_b: its temporary file is also that of /a.b"},
+      {"[]", "Invalid patch infos: " + delta + "/patch_infos.json"},
+      {"{" + Entry("/a", "move", "new.txt") + "}", "Unknown operation move for file /a"},
+      {"{" + Entry("/a", "update", "d.bsdiff") + "}", "Unsupported diff type: .bsdiff"},
+      // Every name is checked before any operation.
+      {"{" + Entry("/a", "move", "") + ", " + Entry("/b/../c", "delete", "") + "}",
+       "Invalid patch info for /b/../c: " + bad},
+  };
+  for (const auto& [index, error] : shapes)
+    EXPECT_UPDATE_ERROR(PlanIndex(index), error);
+  EXPECT_UPDATE_ERROR(PlanIndex("{" + Entry("/a_b", "delete", "") + "}",
+                                {{"/a.b", ModifyInfo{ModifyInfo::kOverride, "p"}}}),
+                      "Invalid patch info for /a_b: its temporary file is also that of /a.b");
+}
+
+TEST_F(PackagePlanTest, AcceptableEntriesBecomeStepsInNameOrder) {
+  const std::string odd = "/odd \x01\t\"q\" back\\slash \xc3\xbf\n.txt";  // stays inside
+  const auto steps = PlanIndex("{" + Entry(odd, "create", "deep/in.txt") + ", " +
+                                   Entry("/gone", "delete", "../../not/read") + ", " +
+                                   Entry("/sub/t.txt", "update", "d.vcdiff") + "}",
+                               {{"/sub/t.txt", ModifyInfo{ModifyInfo::kOverride, "p"}}});
+  ASSERT_EQ(steps.size(), 3u);
+  EXPECT_EQ(steps[0].name, "/gone");
+  EXPECT_EQ(steps[0].Result().operation, ModifyInfo::kDelete);
+  EXPECT_EQ(steps[1].input, delta + "/deep/in.txt");
+  EXPECT_EQ(steps[1].prepared, dir / "sum/" + FlatFileName(odd));
+  EXPECT_EQ(steps[1].Result().operation, ModifyInfo::kOverride);
+  EXPECT_EQ(steps[2].decoder, PatchStep::Decoder::kVcdiff);
+}
+
+// A full package's names are those of its files, which must lie inside it.
+TEST_F(PackagePlanTest, TargetsMustResolveInsideAlsoThroughInstalledLinks) {
+  fs::create_symlink(install + "/readme.txt", delta + "/escape");
+  EXPECT_UPDATE_ERROR(PlanFullPackage(delta), "Fail to calculate modify info: path not in base");
+  const auto plan = [](const std::string& name) { return Plan{{name, ModifyInfo{}}}; };
+  EXPECT_NO_THROW(CheckTargetsInside(plan("readme.txt"), install));
+  EXPECT_NO_THROW(CheckTargetsInside(plan("/sub/new/t.txt"), install));
+  for (const char* outside : {"out/x", "/out/new", "here", "../outside/x"})
+    EXPECT_UPDATE_ERROR(CheckTargetsInside(plan(outside), install),
+                        "Refused to write outside the install directory: " +
+                            (fs::path(install) / outside).string());
+}
+
+}  // namespace
