@@ -1,9 +1,35 @@
-// The layer's last error code, kept per thread (VLIBCErrGet reads it).
+// The layer's last error code, kept per thread (VLIBCErrGet reads it), and the
+// guard that keeps exceptions from crossing the layer's C boundary.
 #pragma once
+
+#include <errno.h>
+
+#include <new>
 
 namespace vesk::platform {
 
 void SetLastError(int code);
 int LastError();
+
+// Keeps `code` as the last error and returns -1, the failure of most C calls.
+inline int Fail(int code) {
+  SetLastError(code);
+  return -1;
+}
+
+// Runs the body of a C entry point: whatever it throws becomes `on_error`, with
+// ENOMEM (out of memory) or EIO as the last error, so a C caller never meets
+// an exception.
+template <typename R, typename Body>
+R CatchAll(R on_error, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    SetLastError(ENOMEM);
+  } catch (...) {
+    SetLastError(EIO);
+  }
+  return on_error;
+}
 
 }  // namespace vesk::platform

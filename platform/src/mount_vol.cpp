@@ -144,11 +144,6 @@ namespace {
 
 constexpr size_t kMountInfoLimit = 16 << 20;
 
-int Fail(int code) {
-  SetLastError(code);
-  return -1;
-}
-
 int ReadMountTable(std::vector<MountEntry>* visible) {
   std::string text;
   if (int error = ReadWholeFile("/proc/self/mountinfo", kMountInfoLimit, &text); error != 0)
@@ -265,90 +260,95 @@ VESKVolInfo* Append(VolumeList* head, VESKVolInfo** tail) {
 }  // namespace
 }  // namespace vesk::platform
 
+using vesk::platform::CatchAll;
 using vesk::platform::Fail;
 using vesk::platform::MountEntry;
 using vesk::platform::SetLastError;
 
 extern "C" VESKVolInfo* VESKMountVolAllEnum(int /*flags*/, int /*mounted_only*/) {
-  std::vector<std::string> configured;
-  const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
-  std::vector<MountEntry> visible;
-  int error = vesk::platform::ReadMountTable(&visible);
-  // Configured volumes need the table only for their fs_type.
-  if (error != 0 && !from_environment) {
-    SetLastError(error);
-    return nullptr;
-  }
+  return CatchAll(static_cast<VESKVolInfo*>(nullptr), [&]() -> VESKVolInfo* {
+    std::vector<std::string> configured;
+    const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
+    std::vector<MountEntry> visible;
+    int error = vesk::platform::ReadMountTable(&visible);
+    // Configured volumes need the table only for their fs_type.
+    if (error != 0 && !from_environment) {
+      SetLastError(error);
+      return nullptr;
+    }
 
-  vesk::platform::VolumeList head;
-  VESKVolInfo* tail = nullptr;
-  if (from_environment) {
-    for (const auto& path : configured) {
-      VESKVolInfo* record = vesk::platform::Append(&head, &tail);
-      error = record ? vesk::platform::FillConfigured(path, visible, record) : ENOMEM;
-      if (error != 0) {
-        SetLastError(error);
-        return nullptr;
+    vesk::platform::VolumeList head;
+    VESKVolInfo* tail = nullptr;
+    if (from_environment) {
+      for (const auto& path : configured) {
+        VESKVolInfo* record = vesk::platform::Append(&head, &tail);
+        error = record ? vesk::platform::FillConfigured(path, visible, record) : ENOMEM;
+        if (error != 0) {
+          SetLastError(error);
+          return nullptr;
+        }
+      }
+    } else {
+      for (const auto& entry : visible) {
+        if (!vesk::platform::IsDataVolumePath(entry.mount_point))
+          continue;
+        VESKVolInfo* record = vesk::platform::Append(&head, &tail);
+        error = record ? vesk::platform::FillMounted(entry, record) : ENOMEM;
+        if (error != 0) {
+          SetLastError(error);
+          return nullptr;
+        }
       }
     }
-  } else {
-    for (const auto& entry : visible) {
-      if (!vesk::platform::IsDataVolumePath(entry.mount_point))
-        continue;
-      VESKVolInfo* record = vesk::platform::Append(&head, &tail);
-      error = record ? vesk::platform::FillMounted(entry, record) : ENOMEM;
-      if (error != 0) {
-        SetLastError(error);
-        return nullptr;
-      }
-    }
-  }
-  SetLastError(0);  // an empty list is no failure: the last error tells them apart
-  return head.release();
+    SetLastError(0);  // an empty list is no failure: the last error tells them apart
+    return head.release();
+  });
 }
 
 extern "C" int VESKMountVolInfoGet(const char* path, VESKVolInfo* info) {
-  if (path == nullptr || info == nullptr)
-    return Fail(EINVAL);
-  const std::string wanted = vesk::platform::WithoutTrailingSlash(path);
-  std::vector<std::string> configured;
-  const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
-  std::vector<MountEntry> visible;
-  int error = vesk::platform::ReadMountTable(&visible);
-  if (error != 0 && !from_environment)
-    return Fail(error);
+  return CatchAll(-1, [&] {
+    if (path == nullptr || info == nullptr)
+      return Fail(EINVAL);
+    const std::string wanted = vesk::platform::WithoutTrailingSlash(path);
+    std::vector<std::string> configured;
+    const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
+    std::vector<MountEntry> visible;
+    int error = vesk::platform::ReadMountTable(&visible);
+    if (error != 0 && !from_environment)
+      return Fail(error);
 
-  VESKVolInfo record{};
-  if (from_environment) {
-    const std::string* match = nullptr;
-    for (const auto& candidate : configured) {
-      if (vesk::platform::WithoutTrailingSlash(candidate) == wanted) {
-        match = &candidate;
-        break;
+    VESKVolInfo record{};
+    if (from_environment) {
+      const std::string* match = nullptr;
+      for (const auto& candidate : configured) {
+        if (vesk::platform::WithoutTrailingSlash(candidate) == wanted) {
+          match = &candidate;
+          break;
+        }
       }
+      if (match == nullptr)
+        return Fail(ENODEV);
+      if (error = vesk::platform::FillConfigured(*match, visible, &record); error != 0)
+        return Fail(error);
+      if (!record.mounted)
+        return Fail(ENOENT);
+    } else {
+      if (!vesk::platform::IsDataVolumePath(wanted))
+        return Fail(ENODEV);
+      const MountEntry* found = nullptr;
+      for (const auto& entry : visible) {
+        if (entry.mount_point == wanted)
+          found = &entry;
+      }
+      if (found == nullptr)
+        return Fail(ENOENT);
+      if (error = vesk::platform::FillMounted(*found, &record); error != 0)
+        return Fail(error);
     }
-    if (match == nullptr)
-      return Fail(ENODEV);
-    if (error = vesk::platform::FillConfigured(*match, visible, &record); error != 0)
-      return Fail(error);
-    if (!record.mounted)
-      return Fail(ENOENT);
-  } else {
-    if (!vesk::platform::IsDataVolumePath(wanted))
-      return Fail(ENODEV);
-    const MountEntry* found = nullptr;
-    for (const auto& entry : visible) {
-      if (entry.mount_point == wanted)
-        found = &entry;
-    }
-    if (found == nullptr)
-      return Fail(ENOENT);
-    if (error = vesk::platform::FillMounted(*found, &record); error != 0)
-      return Fail(error);
-  }
-  *info = record;
-  SetLastError(0);
-  return 0;
+    *info = record;
+    SetLastError(0);
+    return 0;
+  });
 }
 
 extern "C" void VESKMountVolInfoFree(VESKVolInfo* list) {
@@ -360,9 +360,13 @@ extern "C" void VESKMountVolInfoFree(VESKVolInfo* list) {
 }
 
 extern "C" int VESKVolumeServicePolicy(const VESKVolInfo* info) {
-  if (info == nullptr)
-    return 0;
-  if ((info->flags & VESK_VOL_FLAG_RW) == 0)
-    return 0;
-  return vesk::platform::IsNetworkFileSystem(info->fs_type) ? 0 : 1;
+  return CatchAll(0, [&] {
+    if (info == nullptr)
+      return 0;
+    if ((info->flags & VESK_VOL_FLAG_RW) == 0)
+      return 0;
+    // The record may come from anywhere: its text need not be terminated.
+    const std::string fs_type(info->fs_type, strnlen(info->fs_type, sizeof info->fs_type));
+    return vesk::platform::IsNetworkFileSystem(fs_type) ? 0 : 1;
+  });
 }
