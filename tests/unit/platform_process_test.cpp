@@ -16,147 +16,78 @@
 
 using namespace vesk::test;
 
-TEST(PlatformExec, SuccessOnlyForExitStatusZero) {
-  EXPECT_EQ(VLIBCExecl("/bin/true", 187, static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0);
-  EXPECT_NE(VLIBCExecl("/bin/false", 187, static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x101);
-  EXPECT_NE(VLIBCExecl("/bin/sh", 0, "-c", "exit 7", static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x107);
-  EXPECT_NE(VLIBCExecl("/bin/sh", 0, "-c", "kill -9 $$", static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x209);
-  EXPECT_NE(VLIBCExecl("/nonexistent/program", 0, static_cast<const char*>(nullptr)), 0);
+TEST(PlatformExec, SuccessOnlyForExitStatusZeroArgumentsInOrderStdinEmpty) {
+  const std::pair<const char*, int> runs[] = {
+      {"exit 0", 0}, {"exit 1", 0x101}, {"exit 7", 0x107}, {"kill -9 $$", 0x209}};
+  for (const auto& [command, error] : runs) {
+    EXPECT_EQ(VLIBCExecl("/bin/sh", 187, "-c", command, nullptr), error ? -1 : 0) << command;
+    EXPECT_EQ(VLIBCErrGet(), error) << command;
+  }
+  EXPECT_EQ(VLIBCExec("/nonexistent/program", nullptr, nullptr, nullptr, nullptr), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOENT);
-}
-
-TEST(PlatformExec, ArgumentsArePassedInOrderStdinIsEmptyAndTheFixedFormStopsAtNull) {
   TempDir dir;
-  const std::string out = dir / "out";
-  const std::string script = "printf '%s|' \"$@\" > " + out + "; cat >> " + out;
-  ASSERT_EQ(VLIBCExecl("/bin/sh", 187, "-c", script.c_str(), "sh", "a b", "", "c",
-                       static_cast<const char*>(nullptr)),
-            0);
+  const std::string out = dir / "out", script = "printf '%s|' \"$@\" > " + out + "; cat >> " + out;
+  ASSERT_EQ(VLIBCExecl("/bin/sh", 0, "-c", script.c_str(), "sh", "a b", "", "c", nullptr), 0);
   EXPECT_EQ(ReadFile(out), "a b||c|");
-  const std::string count = "echo $# > " + out;
-  ASSERT_EQ(VLIBCExec("/bin/sh", "-c", count.c_str(), nullptr, "ignored"), 0);
+  ASSERT_EQ(VLIBCExec("/bin/sh", "-c", ("echo $# > " + out).c_str(), nullptr, "ignored"), 0);
   EXPECT_EQ(ReadFile(out), "0\n");
-  EXPECT_LT(VLIBCExec("/bin/mv", (dir / "none").c_str(), (dir / "x").c_str(), nullptr, nullptr), 0);
 }
 
 TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) {
   TempDir dir;
-  const std::string deep = dir / "a/b/c/";
+  const std::string deep = dir / "a/b/";
   ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
   ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
   struct stat st;
-  ASSERT_EQ(stat((dir / "a/b").c_str(), &st), 0);
-  mode_t mask = umask(0);
+  ASSERT_EQ(stat((dir / "a").c_str(), &st), 0);
+  const mode_t mask = umask(0);
   umask(mask);
   EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
   WriteFile(dir / "f", "x");
   EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
-
-  EXPECT_NE(VLIBCFileExist(deep.c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist((dir / "none").c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist(nullptr), 0);
+  EXPECT_EQ(VLIBCFileExist(deep.c_str()) * 2 + VLIBCFileExist((dir / "x").c_str()), 2);
 }
 
-TEST(PlatformUserAgent, RefusesTooSmallBuffers) {
+TEST(PlatformUserAgent, FillsTheBufferOnlyWhenTheTextAndItsNulFit) {
   char buffer[256];
-  int n = VLIBSysinfoUserAgentGet("database", buffer, sizeof buffer);
+  const int n = VLIBSysinfoUserAgentGet("database", buffer, sizeof buffer);
   ASSERT_GT(n, 0);
-  EXPECT_EQ(std::string(buffer).size(), static_cast<size_t>(n));
+  EXPECT_EQ(std::string(buffer).substr(0, 9) + std::to_string(std::string(buffer).size()),
+            "veskdbud/" + std::to_string(n));
   EXPECT_LT(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n)), 0);
   EXPECT_EQ(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n) + 1), n);
 }
 
-TEST(SandboxRoot, ResolvesFixedPathsOnlyWhenSet) {
-  {
-    ScopedEnv unset("VESKDBUD_ROOT", nullptr);
-    EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"), "/run/data_update/x.lock");
+// The one resolver of fixed paths; the tool's SystemPath is this function.
+TEST(SandboxRoot, ResolvesFixedPathsOnlyBelowANonEmptyRoot) {
+  const std::pair<const char*, const char*> cases[] = {
+      {nullptr, "/run/x"}, {"", "/run/x"}, {"/", "/run/x"}, {"/tmp/box//", "/tmp/box/run/x"}};
+  for (const auto& [root, expected] : cases) {
+    ScopedEnv env("VESKDBUD_ROOT", root);
+    EXPECT_EQ(vesk::platform::RootPath("/run/x"), expected) << (root ? root : "unset");
   }
-  {
-    ScopedEnv set("VESKDBUD_ROOT", "/tmp/sandbox//");
-    EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"),
-              "/tmp/sandbox/run/data_update/x.lock");
-    EXPECT_EQ(vesk::platform::RootPath("/"), "/tmp/sandbox/");
-  }
-  {
-    ScopedEnv empty("VESKDBUD_ROOT", "");
-    EXPECT_EQ(vesk::platform::RootPath("/var/db/x"), "/var/db/x");
-  }
+  ScopedEnv env("VESKDBUD_ROOT", "/tmp/box");
+  EXPECT_EQ(vesk::platform::RootPath("/") + vesk::platform::RootPath("r"), "/tmp/box//tmp/box/r");
 }
-
-namespace {
-
-struct HwidFree {
-  void operator()(veskcrypto_hwid* ctx) const { veskcrypto_hwid_free(ctx); }
-};
-using Hwid = std::unique_ptr<veskcrypto_hwid, HwidFree>;
 
 // The identity, or "" when veskcrypto_hwid_str fails (which must then leave "").
 std::string Identity() {
-  Hwid ctx(veskcrypto_hwid_init());
-  EXPECT_NE(ctx, nullptr);
-  if (!ctx)
-    return "<no context>";
-  if (veskcrypto_hwid_str(ctx.get(), 16) == 0) {
-    EXPECT_STREQ(ctx->str, "");
-    return "";
-  }
+  std::unique_ptr<veskcrypto_hwid, void (*)(veskcrypto_hwid*)> ctx(veskcrypto_hwid_init(),
+                                                                   veskcrypto_hwid_free);
+  const bool ok = veskcrypto_hwid_str(ctx.get(), 16) != 0;
+  EXPECT_EQ(ok, ctx->str[0] != '\0');
   return ctx->str;
 }
 
-class HwidSandbox : public ::testing::Test {
- protected:
-  void SetMachineId(const std::string& content) { WriteFile(root_ / "etc/machine-id", content); }
-  TempDir root_;
-  ScopedEnv env_{"VESKDBUD_ROOT", root_.path().c_str()};
-};
-
-TEST_F(HwidSandbox, IsTheSha256OfTheTrimmedMachineIdStableAcrossCallsAndContexts) {
-  SetMachineId("  abc \n");
-  // SHA-256("abc"), the FIPS 180-2 example.
+TEST(Hwid, IsTheSha256OfTheTrimmedMachineIdOrFailsForABlankOne) {
+  TempDir root;
+  const std::string host = Identity();
+  ScopedEnv env("VESKDBUD_ROOT", root.path().c_str());
+  EXPECT_EQ(Identity(), host) << "no machine id in the sandbox: the host's";
+  WriteFile(root / "etc/machine-id", "  abc \n");  // SHA-256("abc"), the FIPS 180-2 example
   EXPECT_EQ(Identity(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-
-  SetMachineId("4c4c4544003957108052b4c04f384d32\n");
-  Hwid ctx(veskcrypto_hwid_init());
-  ASSERT_NE(ctx, nullptr);
-  ASSERT_NE(veskcrypto_hwid_str(ctx.get(), 16), 0);
-  const std::string first = ctx->str;
-  ASSERT_NE(veskcrypto_hwid_str(ctx.get(), 16), 0);
-  EXPECT_EQ(std::string(ctx->str), first);
-  EXPECT_EQ(Identity(), first);
-  SetMachineId("4c4c4544003957108052b4c04f384d33\n");
-  EXPECT_NE(Identity(), first);
-}
-
-TEST_F(HwidSandbox, AnEmptyOrBlankMachineIdIsAFailure) {
-  SetMachineId("");
+  WriteFile(root / "etc/machine-id", " \n\t\n");
   EXPECT_EQ(Identity(), "");
   EXPECT_EQ(VLIBCErrGet(), ENODATA);
-  SetMachineId(" \n\t\n");
-  EXPECT_EQ(Identity(), "");
 }
-
-TEST_F(HwidSandbox, WithoutASandboxMachineIdTheHostsIsUsed) {
-  const std::string sandboxed = Identity();
-  std::string host;
-  {
-    ScopedEnv unset("VESKDBUD_ROOT", nullptr);
-    host = Identity();
-  }
-  EXPECT_EQ(sandboxed, host);
-  if (!host.empty()) {  // some containers ship an empty /etc/machine-id
-    EXPECT_EQ(host.size(), 64u);
-  }
-}
-
-TEST(Hwid, ANullContextIsRefused) {
-  EXPECT_EQ(veskcrypto_hwid_str(nullptr, 16), 0);
-  EXPECT_EQ(VLIBCErrGet(), EINVAL);
-  veskcrypto_hwid_free(nullptr);  // like free(NULL)
-}
-
-}  // namespace
