@@ -1,62 +1,55 @@
 #!/usr/bin/env python3
-"""Static file server of the tests and the benchmarks on 127.0.0.1: prints its
-free port first; appends "GET /path" per request to --log (with
---log-sent, once answered: "GET /path <body bytes sent>"); sends bodies with
-sendfile(2), paced to --rate-mbit if given. --faults FILE, read on every
-request, is a JSON list of rules; the first whose "match" occurs in the path
-applies, at most "times" times: {"status": 500} answers so; {"drop": true}
-closes without an answer; {"cut": 100} announces the whole length, sends 100
-bytes and closes; {"stall": 5, "stall_after": 10} sends 10 bytes then waits 5 s;
-{"rate": 65536} paces the file to that many bytes a second."""
+"""Static file server of the tests and the benchmarks on 127.0.0.1: prints its free
+port; logs "GET /path" per request to --log ("GET /path <body bytes sent>" once
+answered with --log-sent); sendfile(2) bodies, paced to --rate-mbit. --faults FILE,
+read on every request: a JSON list of rules, the first whose "match" is in the path
+applying at most "times" times: {"status": 500}; {"drop": true} (no answer); {"cut":
+100} (the whole length announced, 100 bytes sent); {"stall": 5, "stall_after": 10}."""
 import argparse
 import functools
 import http.server
 import json
-import sys
 import threading
 import time
 
 
 class Handler(http.server.SimpleHTTPRequestHandler):
     args = None
-    used = {}  # (faults file, rule index) -> requests it has matched
+    used = {}  # rule index -> requests it has matched
     used_lock = threading.Lock()
 
     def log_message(self, fmt, *args):  # keep the callers' output clean
         pass
 
     def _log(self, line):
-        if self.args.log:
-            with open(self.args.log, "a") as log:
-                log.write(line + "\n")
+        with open(self.args.log or "/dev/null", "a") as log:
+            log.write(line + "\n")
 
     def _fault(self):
         try:
             with open(self.args.faults) as f:
                 rules = json.load(f)
         except (OSError, TypeError, ValueError):
-            return None
+            return {}
         for index, rule in enumerate(rules):
-            if rule.get("match", "") not in self.path:
-                continue
             with self.used_lock:
-                count = self.used.get((self.args.faults, index), 0)
-                if "times" in rule and count >= rule["times"]:
-                    continue
-                self.used[(self.args.faults, index)] = count + 1
-            return rule
-        return None
+                count = self.used.get(index, 0)
+                if rule.get("match", "") in self.path and count < rule.get("times", count + 1):
+                    self.used[index] = count + 1
+                    return rule
+        return {}
 
     def copyfile(self, source, outputfile):
         outputfile.flush()
         start = time.monotonic()
-        chunk = min(64 * 1024, max(1, int(self.rate / 20))) if self.rate else None
+        rate = self.args.rate_mbit * 1e6 / 8  # bytes a second; 0: as fast as it goes
+        chunk = 64 * 1024 if rate else None
         while True:
             n = self.connection.sendfile(source, self.sent, chunk)
             if n == 0:
                 break
             self.sent += n
-            ahead = start + self.sent / self.rate - time.monotonic() if self.rate else 0
+            ahead = start + self.sent / rate - time.monotonic() if rate else 0
             if ahead > 0:
                 time.sleep(ahead)
 
@@ -82,8 +75,7 @@ class Handler(http.server.SimpleHTTPRequestHandler):
     def send_head(self):
         if not self.args.log_sent:
             self._log(f"{self.command} {self.path}")
-        rule = self._fault() or {}
-        self.rate = rule.get("rate", self.args.rate_mbit * 1e6 / 8)
+        rule = self._fault()
         if "status" in rule:
             self.send_error(rule["status"])
         elif rule.get("drop"):
@@ -113,11 +105,8 @@ def main():
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
     server.daemon_threads = True
     print(server.server_address[1], flush=True)
-    try:
-        server.serve_forever()
-    except KeyboardInterrupt:
-        pass
+    server.serve_forever()
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

