@@ -40,7 +40,7 @@ std::string Trimmed(const std::string& text) {
 }  // namespace
 }  // namespace vesk::platform
 
-using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 
 extern "C" veskcrypto_hwid* veskcrypto_hwid_init(void) {
   // A C struct released by veskcrypto_hwid_free, hence calloc.
@@ -50,42 +50,42 @@ extern "C" veskcrypto_hwid* veskcrypto_hwid_init(void) {
   return ctx;
 }
 
-extern "C" int veskcrypto_hwid_str(veskcrypto_hwid* ctx, int /*selector*/) {
-  return CatchAll(0, [&] {
-    if (ctx == nullptr) {
-      vesk::platform::SetLastError(EINVAL);
-      return 0;
-    }
-    ctx->str[0] = '\0';
-    std::string content;
-    if (int error = vesk::platform::ReadWholeFile(vesk::platform::MachineIdFile(),
-                                                  vesk::platform::kMachineIdLimit, &content);
-        error != 0) {
-      vesk::platform::SetLastError(error);
-      return 0;
-    }
-    const std::string id = vesk::platform::Trimmed(content);
-    if (id.empty()) {
-      vesk::platform::SetLastError(ENODATA);
-      return 0;
-    }
+extern "C" int veskcrypto_hwid_str(veskcrypto_hwid* ctx, int /*selector*/) try {
+  if (ctx == nullptr) {
+    vesk::platform::SetLastError(EINVAL);
+    return 0;
+  }
+  ctx->str[0] = '\0';
+  std::string content;
+  if (int error = vesk::platform::ReadWholeFile(vesk::platform::MachineIdFile(),
+                                                vesk::platform::kMachineIdLimit, &content);
+      error != 0) {
+    vesk::platform::SetLastError(error);
+    return 0;
+  }
+  const std::string id = vesk::platform::Trimmed(content);
+  if (id.empty()) {
+    vesk::platform::SetLastError(ENODATA);
+    return 0;
+  }
 
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (EVP_Digest(id.data(), id.size(), digest, &length, EVP_sha256(), nullptr) != 1 ||
-        2 * std::size_t{length} >= sizeof ctx->str) {
-      vesk::platform::SetLastError(EIO);
-      return 0;
-    }
-    static constexpr char kHex[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < length; ++i) {
-      ctx->str[2 * i] = kHex[digest[i] >> 4];
-      ctx->str[2 * i + 1] = kHex[digest[i] & 0x0f];
-    }
-    ctx->str[2 * std::size_t{length}] = '\0';
-    vesk::platform::SetLastError(0);
-    return 1;
-  });
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(id.data(), id.size(), digest, &length, EVP_sha256(), nullptr) != 1 ||
+      2 * std::size_t{length} >= sizeof ctx->str) {
+    vesk::platform::SetLastError(EIO);
+    return 0;
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  for (std::size_t i = 0; i < length; ++i) {
+    ctx->str[2 * i] = kHex[digest[i] >> 4];
+    ctx->str[2 * i + 1] = kHex[digest[i] & 0x0f];
+  }
+  ctx->str[2 * std::size_t{length}] = '\0';
+  vesk::platform::SetLastError(0);
+  return 1;
+} catch (...) {
+  return Caught(0);
 }
 
 extern "C" void veskcrypto_hwid_free(veskcrypto_hwid* ctx) {

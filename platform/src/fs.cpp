@@ -22,34 +22,34 @@ int Fail(int code) {
 
 }  // namespace
 
-using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 
 extern "C" int VESKFSMkdirP(const char* path, int /*flags*/, int mode, int uid, int gid,
-                            int /*acl*/) {
-  return CatchAll(-1, [&] {
-    if (path == nullptr || *path == '\0')
-      return Fail(EINVAL);
-    const mode_t dir_mode = mode == 0 ? 0755 : static_cast<mode_t>(mode);
-    std::string target(path);
+                            int /*acl*/) try {
+  if (path == nullptr || *path == '\0')
+    return Fail(EINVAL);
+  const mode_t dir_mode = mode == 0 ? 0755 : static_cast<mode_t>(mode);
+  std::string target(path);
 
-    // Create each missing component from the top; a racing creator is fine.
-    for (size_t pos = 1; pos <= target.size(); ++pos) {
-      if (pos != target.size() && target[pos] != '/')
-        continue;
-      std::string prefix = target.substr(0, pos);
-      if (prefix.empty() || prefix.back() == '/')
-        continue;
-      if (mkdir(prefix.c_str(), dir_mode) == 0) {
-        if ((uid != -1 || gid != -1) && chown(prefix.c_str(), uid, gid) != 0)
-          return Fail(errno);
-        continue;
-      }
-      if (errno != EEXIST)
+  // Create each missing component from the top; a racing creator is fine.
+  for (size_t pos = 1; pos <= target.size(); ++pos) {
+    if (pos != target.size() && target[pos] != '/')
+      continue;
+    std::string prefix = target.substr(0, pos);
+    if (prefix.empty() || prefix.back() == '/')
+      continue;
+    if (mkdir(prefix.c_str(), dir_mode) == 0) {
+      if ((uid != -1 || gid != -1) && chown(prefix.c_str(), uid, gid) != 0)
         return Fail(errno);
-      if (!IsDirectory(prefix))
-        return Fail(ENOTDIR);
+      continue;
     }
-    vesk::platform::SetLastError(0);
-    return 0;
-  });
+    if (errno != EEXIST)
+      return Fail(errno);
+    if (!IsDirectory(prefix))
+      return Fail(ENOTDIR);
+  }
+  vesk::platform::SetLastError(0);
+  return 0;
+} catch (...) {
+  return Caught(-1);
 }

@@ -17,19 +17,29 @@ inline int Fail(int code) {
   return -1;
 }
 
-// Runs the body of a C entry point: whatever it throws becomes `on_error`, with
-// ENOMEM (out of memory) or EIO as the last error, so a C caller never meets
-// an exception.
-template <typename R, typename Body>
-R CatchAll(R on_error, Body&& body) noexcept {
+// For the handler of a C entry point's function-try-block: keeps ENOMEM (out
+// of memory) or EIO as the last error for the exception being handled and
+// returns `on_error`, so a C caller never meets an exception.
+template <typename R>
+R Caught(R on_error) noexcept {
   try {
-    return body();
+    throw;
   } catch (const std::bad_alloc&) {
     SetLastError(ENOMEM);
   } catch (...) {
     SetLastError(EIO);
   }
   return on_error;
+}
+
+// Runs `body` as a C entry point's whole work, as the handler above would.
+template <typename R, typename Body>
+R CatchAll(R on_error, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    return Caught(on_error);
+  }
 }
 
 }  // namespace vesk::platform

@@ -260,95 +260,95 @@ VESKVolInfo* Append(VolumeList* head, VESKVolInfo** tail) {
 }  // namespace
 }  // namespace vesk::platform
 
-using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 using vesk::platform::Fail;
 using vesk::platform::MountEntry;
 using vesk::platform::SetLastError;
 
-extern "C" VESKVolInfo* VESKMountVolAllEnum(int /*flags*/, int /*mounted_only*/) {
-  return CatchAll(static_cast<VESKVolInfo*>(nullptr), [&]() -> VESKVolInfo* {
-    std::vector<std::string> configured;
-    const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
-    std::vector<MountEntry> visible;
-    int error = vesk::platform::ReadMountTable(&visible);
-    // Configured volumes need the table only for their fs_type.
-    if (error != 0 && !from_environment) {
-      SetLastError(error);
-      return nullptr;
-    }
+extern "C" VESKVolInfo* VESKMountVolAllEnum(int /*flags*/, int /*mounted_only*/) try {
+  std::vector<std::string> configured;
+  const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
+  std::vector<MountEntry> visible;
+  int error = vesk::platform::ReadMountTable(&visible);
+  // Configured volumes need the table only for their fs_type.
+  if (error != 0 && !from_environment) {
+    SetLastError(error);
+    return nullptr;
+  }
 
-    vesk::platform::VolumeList head;
-    VESKVolInfo* tail = nullptr;
-    if (from_environment) {
-      for (const auto& path : configured) {
-        VESKVolInfo* record = vesk::platform::Append(&head, &tail);
-        error = record ? vesk::platform::FillConfigured(path, visible, record) : ENOMEM;
-        if (error != 0) {
-          SetLastError(error);
-          return nullptr;
-        }
-      }
-    } else {
-      for (const auto& entry : visible) {
-        if (!vesk::platform::IsDataVolumePath(entry.mount_point))
-          continue;
-        VESKVolInfo* record = vesk::platform::Append(&head, &tail);
-        error = record ? vesk::platform::FillMounted(entry, record) : ENOMEM;
-        if (error != 0) {
-          SetLastError(error);
-          return nullptr;
-        }
+  vesk::platform::VolumeList head;
+  VESKVolInfo* tail = nullptr;
+  if (from_environment) {
+    for (const auto& path : configured) {
+      VESKVolInfo* record = vesk::platform::Append(&head, &tail);
+      error = record ? vesk::platform::FillConfigured(path, visible, record) : ENOMEM;
+      if (error != 0) {
+        SetLastError(error);
+        return nullptr;
       }
     }
-    SetLastError(0);  // an empty list is no failure: the last error tells them apart
-    return head.release();
-  });
+  } else {
+    for (const auto& entry : visible) {
+      if (!vesk::platform::IsDataVolumePath(entry.mount_point))
+        continue;
+      VESKVolInfo* record = vesk::platform::Append(&head, &tail);
+      error = record ? vesk::platform::FillMounted(entry, record) : ENOMEM;
+      if (error != 0) {
+        SetLastError(error);
+        return nullptr;
+      }
+    }
+  }
+  SetLastError(0);  // an empty list is no failure: the last error tells them apart
+  return head.release();
+} catch (...) {
+  return Caught(static_cast<VESKVolInfo*>(nullptr));
 }
 
-extern "C" int VESKMountVolInfoGet(const char* path, VESKVolInfo* info) {
-  return CatchAll(-1, [&] {
-    if (path == nullptr || info == nullptr)
-      return Fail(EINVAL);
-    const std::string wanted = vesk::platform::WithoutTrailingSlash(path);
-    std::vector<std::string> configured;
-    const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
-    std::vector<MountEntry> visible;
-    int error = vesk::platform::ReadMountTable(&visible);
-    if (error != 0 && !from_environment)
-      return Fail(error);
+extern "C" int VESKMountVolInfoGet(const char* path, VESKVolInfo* info) try {
+  if (path == nullptr || info == nullptr)
+    return Fail(EINVAL);
+  const std::string wanted = vesk::platform::WithoutTrailingSlash(path);
+  std::vector<std::string> configured;
+  const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
+  std::vector<MountEntry> visible;
+  int error = vesk::platform::ReadMountTable(&visible);
+  if (error != 0 && !from_environment)
+    return Fail(error);
 
-    VESKVolInfo record{};
-    if (from_environment) {
-      const std::string* match = nullptr;
-      for (const auto& candidate : configured) {
-        if (vesk::platform::WithoutTrailingSlash(candidate) == wanted) {
-          match = &candidate;
-          break;
-        }
+  VESKVolInfo record{};
+  if (from_environment) {
+    const std::string* match = nullptr;
+    for (const auto& candidate : configured) {
+      if (vesk::platform::WithoutTrailingSlash(candidate) == wanted) {
+        match = &candidate;
+        break;
       }
-      if (match == nullptr)
-        return Fail(ENODEV);
-      if (error = vesk::platform::FillConfigured(*match, visible, &record); error != 0)
-        return Fail(error);
-      if (!record.mounted)
-        return Fail(ENOENT);
-    } else {
-      if (!vesk::platform::IsDataVolumePath(wanted))
-        return Fail(ENODEV);
-      const MountEntry* found = nullptr;
-      for (const auto& entry : visible) {
-        if (entry.mount_point == wanted)
-          found = &entry;
-      }
-      if (found == nullptr)
-        return Fail(ENOENT);
-      if (error = vesk::platform::FillMounted(*found, &record); error != 0)
-        return Fail(error);
     }
-    *info = record;
-    SetLastError(0);
-    return 0;
-  });
+    if (match == nullptr)
+      return Fail(ENODEV);
+    if (error = vesk::platform::FillConfigured(*match, visible, &record); error != 0)
+      return Fail(error);
+    if (!record.mounted)
+      return Fail(ENOENT);
+  } else {
+    if (!vesk::platform::IsDataVolumePath(wanted))
+      return Fail(ENODEV);
+    const MountEntry* found = nullptr;
+    for (const auto& entry : visible) {
+      if (entry.mount_point == wanted)
+        found = &entry;
+    }
+    if (found == nullptr)
+      return Fail(ENOENT);
+    if (error = vesk::platform::FillMounted(*found, &record); error != 0)
+      return Fail(error);
+  }
+  *info = record;
+  SetLastError(0);
+  return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
 extern "C" void VESKMountVolInfoFree(VESKVolInfo* list) {
@@ -359,14 +359,14 @@ extern "C" void VESKMountVolInfoFree(VESKVolInfo* list) {
   }
 }
 
-extern "C" int VESKVolumeServicePolicy(const VESKVolInfo* info) {
-  return CatchAll(0, [&] {
-    if (info == nullptr)
-      return 0;
-    if ((info->flags & VESK_VOL_FLAG_RW) == 0)
-      return 0;
-    // The record may come from anywhere: its text need not be terminated.
-    const std::string fs_type(info->fs_type, strnlen(info->fs_type, sizeof info->fs_type));
-    return vesk::platform::IsNetworkFileSystem(fs_type) ? 0 : 1;
-  });
+extern "C" int VESKVolumeServicePolicy(const VESKVolInfo* info) try {
+  if (info == nullptr)
+    return 0;
+  if ((info->flags & VESK_VOL_FLAG_RW) == 0)
+    return 0;
+  // The record may come from anywhere: its text need not be terminated.
+  const std::string fs_type(info->fs_type, strnlen(info->fs_type, sizeof info->fs_type));
+  return vesk::platform::IsNetworkFileSystem(fs_type) ? 0 : 1;
+} catch (...) {
+  return Caught(0);
 }

@@ -269,83 +269,83 @@ int RunPlugin(const std::string& program, int action, const std::vector<std::str
 }  // namespace
 }  // namespace vesk::platform
 
-using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 using vesk::platform::Fail;
 using vesk::platform::Sessions;
 using vesk::platform::SetLastError;
 
-extern "C" int VLIBPluginSDKInit(const char* module, const char* path, VLIBPluginHandle* handle) {
-  return CatchAll(-1, [&] {
-    if (handle == nullptr || module == nullptr || *module == '\0' || path == nullptr ||
-        !vesk::platform::IsSafeRelativePath(path))
-      return Fail(EINVAL);
-    vesk::platform::Session session;
-    session.module = module;
-    const std::string dir =
-        vesk::platform::RootPath(std::string(vesk::platform::kPluginRoot) + path);
-    if (int error = vesk::platform::ListPlugins(dir, &session.plugins); error != 0)
-      return Fail(error);
+extern "C" int VLIBPluginSDKInit(const char* module, const char* path,
+                                 VLIBPluginHandle* handle) try {
+  if (handle == nullptr || module == nullptr || *module == '\0' || path == nullptr ||
+      !vesk::platform::IsSafeRelativePath(path))
+    return Fail(EINVAL);
+  vesk::platform::Session session;
+  session.module = module;
+  const std::string dir = vesk::platform::RootPath(std::string(vesk::platform::kPluginRoot) + path);
+  if (int error = vesk::platform::ListPlugins(dir, &session.plugins); error != 0)
+    return Fail(error);
 
-    auto& table = Sessions();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    const VLIBPluginHandle id = table.next++;
-    table.sessions.emplace(id, std::move(session));
-    *handle = id;
-    SetLastError(0);
-    return 0;
-  });
+  auto& table = Sessions();
+  std::lock_guard<std::mutex> lock(table.mutex);
+  const VLIBPluginHandle id = table.next++;
+  table.sessions.emplace(id, std::move(session));
+  *handle = id;
+  SetLastError(0);
+  return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
-extern "C" int VLIBPluginSetArg(VLIBPluginHandle handle, const char* key, const char* value) {
-  return CatchAll(-1, [&] {
-    // A name with "=" could not be passed as an environment variable.
-    if (key == nullptr || *key == '\0' || std::strchr(key, '=') != nullptr || value == nullptr)
-      return Fail(EINVAL);
+extern "C" int VLIBPluginSetArg(VLIBPluginHandle handle, const char* key, const char* value) try {
+  // A name with "=" could not be passed as an environment variable.
+  if (key == nullptr || *key == '\0' || std::strchr(key, '=') != nullptr || value == nullptr)
+    return Fail(EINVAL);
+  auto& table = Sessions();
+  std::lock_guard<std::mutex> lock(table.mutex);
+  auto found = table.sessions.find(handle);
+  if (found == table.sessions.end())
+    return Fail(EBADF);
+  found->second.args[key] = value;
+  SetLastError(0);
+  return 0;
+} catch (...) {
+  return Caught(-1);
+}
+
+extern "C" int VLIBPluginAction(_tag_sdk_plugin_action_ action, VLIBPluginHandle handle) try {
+  vesk::platform::Session session;
+  {
+    // Plug-ins run outside the lock: a long action does not hold up other handles.
     auto& table = Sessions();
     std::lock_guard<std::mutex> lock(table.mutex);
     auto found = table.sessions.find(handle);
     if (found == table.sessions.end())
       return Fail(EBADF);
-    found->second.args[key] = value;
-    SetLastError(0);
-    return 0;
-  });
+    session = found->second;
+  }
+  const auto env = vesk::platform::BuildEnvironment(session.args);
+  const long timeout_s = vesk::platform::TimeoutSeconds();
+  int first_error = 0;
+  for (const auto& plugin : session.plugins) {
+    int error = vesk::platform::RunPlugin(plugin, static_cast<int>(action), env, timeout_s);
+    if (error != 0 && first_error == 0)
+      first_error = error;
+  }
+  if (first_error != 0)
+    return Fail(first_error);
+  SetLastError(0);
+  return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
-extern "C" int VLIBPluginAction(_tag_sdk_plugin_action_ action, VLIBPluginHandle handle) {
-  return CatchAll(-1, [&] {
-    vesk::platform::Session session;
-    {
-      // Plug-ins run outside the lock: a long action does not hold up other handles.
-      auto& table = Sessions();
-      std::lock_guard<std::mutex> lock(table.mutex);
-      auto found = table.sessions.find(handle);
-      if (found == table.sessions.end())
-        return Fail(EBADF);
-      session = found->second;
-    }
-    const auto env = vesk::platform::BuildEnvironment(session.args);
-    const long timeout_s = vesk::platform::TimeoutSeconds();
-    int first_error = 0;
-    for (const auto& plugin : session.plugins) {
-      int error = vesk::platform::RunPlugin(plugin, static_cast<int>(action), env, timeout_s);
-      if (error != 0 && first_error == 0)
-        first_error = error;
-    }
-    if (first_error != 0)
-      return Fail(first_error);
-    SetLastError(0);
-    return 0;
-  });
-}
-
-extern "C" int VLIBPluginExit(VLIBPluginHandle handle) {
-  return CatchAll(-1, [&] {
-    auto& table = Sessions();
-    std::lock_guard<std::mutex> lock(table.mutex);
-    if (table.sessions.erase(handle) == 0)
-      return Fail(EBADF);
-    SetLastError(0);
-    return 0;
-  });
+extern "C" int VLIBPluginExit(VLIBPluginHandle handle) try {
+  auto& table = Sessions();
+  std::lock_guard<std::mutex> lock(table.mutex);
+  if (table.sessions.erase(handle) == 0)
+    return Fail(EBADF);
+  SetLastError(0);
+  return 0;
+} catch (...) {
+  return Caught(-1);
 }

@@ -42,6 +42,7 @@ int LastError() {
 }  // namespace vesk::platform
 
 using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 
 extern "C" int VLIBCExecl(const char* path, int flags, ...) {
   static_cast<void>(flags);  // the spawn behaves the same for every flags word
@@ -60,18 +61,18 @@ extern "C" int VLIBCExecl(const char* path, int flags, ...) {
 }
 
 extern "C" int VLIBCExec(const char* program, const char* arg1, const char* arg2, const char* arg3,
-                         const char* arg4) {
-  return CatchAll(-1, [&] {
-    if (program == nullptr)
-      return vesk::platform::Fail(EINVAL);
-    std::vector<std::string> argv{program};
-    for (const char* arg : {arg1, arg2, arg3, arg4}) {
-      if (arg == nullptr)
-        break;
-      argv.emplace_back(arg);
-    }
-    return vesk::platform::Run(argv);
-  });
+                         const char* arg4) try {
+  if (program == nullptr)
+    return vesk::platform::Fail(EINVAL);
+  std::vector<std::string> argv{program};
+  for (const char* arg : {arg1, arg2, arg3, arg4}) {
+    if (arg == nullptr)
+      break;
+    argv.emplace_back(arg);
+  }
+  return vesk::platform::Run(argv);
+} catch (...) {
+  return Caught(-1);
 }
 
 extern "C" int VLIBCErrGet(void) {

@@ -28,17 +28,17 @@ std::string PrettyName() {
 
 }  // namespace
 
-using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 
-extern "C" int VLIBSysinfoUserAgentGet(const char* component, char* buffer, size_t size) {
-  return CatchAll(-1, [&] {
-    if (component == nullptr || buffer == nullptr || size == 0)
-      return -1;
-    std::string text =
-        std::string("veskdbud/") + VESKDBUD_VERSION + " (" + component + "; " + PrettyName() + ")";
-    if (text.size() + 1 > size)
-      return -1;
-    std::memcpy(buffer, text.c_str(), text.size() + 1);
-    return static_cast<int>(text.size());
-  });
+extern "C" int VLIBSysinfoUserAgentGet(const char* component, char* buffer, size_t size) try {
+  if (component == nullptr || buffer == nullptr || size == 0)
+    return -1;
+  std::string text =
+      std::string("veskdbud/") + VESKDBUD_VERSION + " (" + component + "; " + PrettyName() + ")";
+  if (text.size() + 1 > size)
+    return -1;
+  std::memcpy(buffer, text.c_str(), text.size() + 1);
+  return static_cast<int>(text.size());
+} catch (...) {
+  return Caught(-1);
 }
