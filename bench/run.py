@@ -382,8 +382,8 @@ class Bench:
             self.request_log = self.work / "requests.log"
             self.request_log.write_text("")
         server = subprocess.Popen(
-            [sys.executable, HERE / "serve.py", "--dir", served, "--log", self.request_log,
-             "--rate-mbit", str(rate_mbit)],
+            [sys.executable, HERE.parent / "tests" / "support" / "http_server.py", "--dir", served,
+             "--log", self.request_log, "--log-sent", "--rate-mbit", str(rate_mbit)],
             stdout=subprocess.PIPE, text=True)
         self.servers.append(server)
         port = int(server.stdout.readline())

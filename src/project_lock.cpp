@@ -23,9 +23,7 @@ namespace {
 constexpr int kTimedOut = -1;
 constexpr int kUnavailable = -2;
 
-}  // namespace
-
-extern "C" int VESKDBUDGetFileLock(const char* id, unsigned int timeout) {
+int GetFileLock(const char* id, unsigned int timeout) {
   // Read first: loading the configuration counts against the limit.
   const du::LockClock::time_point start = du::LockClock::now();
   const du::LockClock::time_point deadline = du::LockDeadline(start, timeout);
@@ -52,6 +50,19 @@ extern "C" int VESKDBUDGetFileLock(const char* id, unsigned int timeout) {
     return kTimedOut;  // `fd` closes on the way out
   }
   return fd.release();
+}
+
+}  // namespace
+
+// Plain C callers: nothing may be thrown past here.
+extern "C" int VESKDBUDGetFileLock(const char* id, unsigned int timeout) {
+  if (id == nullptr)
+    return kUnavailable;
+  try {
+    return GetFileLock(id, timeout);
+  } catch (...) {
+    return kUnavailable;
+  }
 }
 
 extern "C" void VESKDBUDReleaseFileLock(int fd) {

@@ -31,15 +31,19 @@ constexpr size_t kStreamWindow = 64 * 1024;
 constexpr time_t kSettled = 1;  // seconds
 constexpr size_t kMaxStatusFile = 256 * 1024 * 1024;
 
+// Whitespace as the JSON reader skips it.
+bool IsSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
 // A forward reader of the JSON subset described in the header. Every method
 // returns false for anything outside it; no method reads past `end`.
 class Scanner {
  public:
   Scanner(const char* begin, const char* end) : p_(begin), end_(end) {}
 
-  // Whitespace as the JSON reader skips it.
   void SkipSpaces() {
-    while (p_ < end_ && (*p_ == ' ' || *p_ == '\t' || *p_ == '\n' || *p_ == '\r'))
+    while (p_ < end_ && IsSpace(*p_))
       ++p_;
   }
 
@@ -202,13 +206,33 @@ class Window {
     return true;
   }
 
-  // Takes the constant text `expected` when it comes next.
+  // Takes the token `expected` when it comes next after JSON whitespace, so
+  // that the layout of the writer's indentation does not matter.
   template <size_t N>
   bool Take(const char (&expected)[N]) {
+    SkipSpaces();
     if (static_cast<size_t>(end - p) < N - 1 || std::memcmp(p, expected, N - 1) != 0)
       return false;
     p += N - 1;
     return true;
+  }
+
+  // A string token after whitespace: its bytes, up to the closing quote.
+  bool String(const char** text, size_t* size) {
+    if (!Take("\""))
+      return false;
+    const auto* quote = static_cast<const char*>(std::memchr(p, '"', end - p));
+    if (quote == nullptr)
+      return false;
+    *text = p;
+    *size = static_cast<size_t>(quote - p);
+    p = quote + 1;
+    return true;
+  }
+
+  void SkipSpaces() {
+    while (p < end && IsSpace(*p))
+      ++p;
   }
 
   bool ended() const { return ended_; }
@@ -225,50 +249,43 @@ class Window {
 }  // namespace
 
 std::optional<int> ScanWrittenStatus(int fd) {
-  // The layout of IOUtils::WriteJson(DatabaseStatus::ToJson(status)) with at
-  // least one file; each piece is also what the whole-text scan accepts.
+  // The document IOUtils::WriteJson(DatabaseStatus::ToJson(status)) gives with
+  // at least one file, token by token with any whitespace between; each piece
+  // is also what the whole-text scan accepts.
   static constexpr size_t kLookahead = 8192;  // more than any entry with a name within PATH_MAX
   static constexpr size_t kDigest = 96;
   Window w(fd);
-  if (!w.Fill(kLookahead) || !w.Take("{\n\t\"data_version\" : \""))
+  const char* text = nullptr;
+  size_t size = 0;
+  if (!w.Fill(kLookahead) || !w.Take("{") || !w.Take("\"data_version\"") || !w.Take(":") ||
+      !w.String(&text, &size))
     return std::nullopt;
-  const auto* quote = static_cast<const char*>(std::memchr(w.p, '"', w.end - w.p));
-  if (quote == nullptr)
-    return std::nullopt;
-  const std::optional<int> version = Digits(w.p, static_cast<size_t>(quote - w.p));
-  w.p = quote;
-  if (!version || !w.Take("\",\n\t\"file_statuses\" : \n\t{\n"))
+  const std::optional<int> version = Digits(text, size);
+  if (!version || !w.Take(",") || !w.Take("\"file_statuses\"") || !w.Take(":") || !w.Take("{"))
     return std::nullopt;
   std::vector<char> previous(kStreamWindow);  // no name is longer than the window
   size_t previous_size = 0;
   bool first = true;
   while (true) {
-    if (!w.Fill(kLookahead) || !w.Take("\t\t\""))
+    if (!w.Fill(kLookahead) || !w.String(&text, &size))
       return std::nullopt;
-    quote = static_cast<const char*>(std::memchr(w.p, '"', w.end - w.p));
-    if (quote == nullptr)
+    if (!first && !Ascends(previous.data(), previous_size, text, size))
       return std::nullopt;
-    const size_t size = static_cast<size_t>(quote - w.p);
-    if (!first && !Ascends(previous.data(), previous_size, w.p, size))
-      return std::nullopt;
-    std::memcpy(previous.data(), w.p, size);
+    std::memcpy(previous.data(), text, size);
     previous_size = size;
     first = false;
-    w.p = quote;
-    if (!w.Take("\" : \n\t\t{\n\t\t\t\"sha384_digest\" : \"") ||
-        static_cast<size_t>(w.end - w.p) < kDigest || std::memchr(w.p, '"', kDigest) != nullptr)
+    if (!w.Take(":") || !w.Take("{") || !w.Take("\"sha384_digest\"") || !w.Take(":") ||
+        !w.String(&text, &size) || size != kDigest || !w.Take("}"))
       return std::nullopt;
-    w.p += kDigest;
-    if (!w.Take("\"\n\t\t}"))
-      return std::nullopt;
-    if (w.Take(",\n"))
+    if (w.Take(","))
       continue;
-    if (!w.Take("\n\t},\n\t\"last_fetch_time\" : "))
+    if (!w.Take("}") || !w.Take(",") || !w.Take("\"last_fetch_time\"") || !w.Take(":"))
       return std::nullopt;
     break;
   }
   // The time stamp: an integer within 32 bits that no other character of a
   // number follows, then the closing brace and nothing but whitespace.
+  w.SkipSpaces();
   const bool negative = w.p < w.end && *w.p == '-';
   if (negative)
     ++w.p;
@@ -281,13 +298,12 @@ std::optional<int> ScanWrittenStatus(int fd) {
   }
   if (negative)
     value = -value;
-  if (digits == 0 || value < INT_MIN || value > INT_MAX || !w.Take("\n}"))
+  if (digits == 0 || value < INT_MIN || value > INT_MAX || !w.Take("}"))
     return std::nullopt;
   while (true) {
-    for (; w.p < w.end; ++w.p) {
-      if (*w.p != ' ' && *w.p != '\t' && *w.p != '\n' && *w.p != '\r')
-        return std::nullopt;
-    }
+    w.SkipSpaces();
+    if (w.p < w.end)
+      return std::nullopt;
     if (w.ended())
       return version;
     if (!w.Fill(1))

@@ -21,10 +21,11 @@ namespace vesk::dataupdate {
 // the full reading accepts or rejects: then only the full reading can tell.
 std::optional<int> ScanStatusVersion(const char* text, size_t size);
 
-// ScanStatusVersion of the rest of the file `fd` when it is in the exact layout
-// IOUtils::WriteJson gives a DatabaseStatus with at least one file, read
-// through a 64 KiB buffer; nullopt for anything else (or a read error), which
-// the whole-text scan may still read.
+// ScanStatusVersion of the rest of the file `fd` when it holds the members
+// IOUtils::WriteJson gives a DatabaseStatus with at least one file, in that
+// order, with any whitespace between tokens (so the writer's indentation does
+// not matter), read through a 64 KiB buffer; nullopt for anything else (or a
+// read error), which the whole-text scan may still read.
 std::optional<int> ScanWrittenStatus(int fd);
 
 // The whole of the regular file at `path` in `text`, and the file's fstat

@@ -1,40 +1,10 @@
-// A move-only owner of one file descriptor: closed when the owner goes out of
-// scope, unless release() hands it on.
+// The library's name for the one descriptor holder of the platform layer.
 #pragma once
 
-#include <unistd.h>
-
-#include <utility>
+#include "vesk_internal/unique_fd.h"
 
 namespace vesk::dataupdate {
 
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) noexcept : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other)
-      reset(other.release());
-    return *this;
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-
-  int get() const noexcept { return fd_; }
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-
-  // Gives up ownership without closing.
-  int release() noexcept { return std::exchange(fd_, -1); }
-
-  void reset(int fd = -1) noexcept {
-    if (fd_ >= 0)
-      ::close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_;
-};
+using vesk::UniqueFd;
 
 }  // namespace vesk::dataupdate

@@ -9,8 +9,8 @@
  * a database that was never updated has none.
  *
  * Result: the descriptor holding the lock (>= 0, close-on-exec), -1 when the
- * time limit passed, -2 when the database is not supported or its lock file
- * cannot be opened. Failures are logged, never thrown.
+ * time limit passed, -2 when `id` is NULL, the database is not supported or its
+ * lock file cannot be opened. Failures are logged, never thrown.
  *
  * VESKDBUDReleaseFileLock unlocks and closes such a descriptor; a negative
  * argument is ignored, so any result may be passed back unchanged.

@@ -52,7 +52,7 @@ extern "C" veskarchive* veskarchive_init(const char* target_dir) {
     return nullptr;
   try {
     vesk::UniqueFd fd(open(target_dir, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!fd.valid())
+    if (!fd)
       return nullptr;
     auto handle = std::make_unique<veskarchive>();
     handle->target = std::move(fd);

@@ -265,7 +265,7 @@ Status WriteEntries(const VerifiedPackage& package, int target_fd, bool overwrit
 class WorkingDirectory {
  public:
   explicit WorkingDirectory(int target_fd) : saved_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
-    entered_ = saved_.valid() && fchdir(target_fd) == 0;
+    entered_ = saved_ && fchdir(target_fd) == 0;
   }
   ~WorkingDirectory() {
     // Nothing better can be done if going back fails; the descriptor stays valid.

@@ -35,8 +35,7 @@ bool EndsWith(const std::string& s, const std::string& suffix) {
 EvpPkeyPtr ReadPublicKey(int dir_fd, const std::string& name) {
   UniqueFd fd(openat(dir_fd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat st;
-  if (!fd.valid() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
-      st.st_size > kMaxKeyFileSize)
+  if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxKeyFileSize)
     return nullptr;
   std::string text(static_cast<size_t>(st.st_size), '\0');
   size_t got = 0;
@@ -64,14 +63,14 @@ std::string KeyDirectory(int key_type) {
 Status FindTrustedKey(int key_type, const envelope::KeyId& key_id, EvpPkeyPtr* key) {
   const std::string dir = KeyDirectory(key_type);
   UniqueFd dir_fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir_fd.valid())
+  if (!dir_fd)
     return Fail(VESKARCHIVE_E_UNKNOWN_KEY, "no trusted keys in " + dir);
   // fdopendir takes over the descriptor it is given, so give it a duplicate.
   UniqueFd dup(fcntl(dir_fd.get(), F_DUPFD_CLOEXEC, 0));
-  DirPtr listing(dup.valid() ? fdopendir(dup.get()) : nullptr);
+  DirPtr listing(dup ? fdopendir(dup.get()) : nullptr);
   if (!listing)
     return Fail(VESKARCHIVE_E_UNKNOWN_KEY, "cannot list " + dir);
-  dup.Release();  // now owned by `listing`
+  dup.release();  // now owned by `listing`
   std::vector<std::string> names;
   while (const dirent* e = readdir(listing.get())) {
     std::string name(e->d_name);

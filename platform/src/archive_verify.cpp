@@ -139,7 +139,7 @@ ssize_t PreadFully(int fd, void* buf, size_t size, off_t offset) {
 Status VerifyPackage(const std::string& path, int key_type, VerifiedPackage* package) {
   // O_NONBLOCK: opening a FIFO must not wait for a writer; it is refused below.
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  if (!fd.valid())
+  if (!fd)
     return Fail(VESKARCHIVE_E_OPEN, path + ": " + std::strerror(errno));
   struct stat st;
   if (fstat(fd.get(), &st) != 0)

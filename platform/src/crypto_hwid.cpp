@@ -40,6 +40,8 @@ std::string Trimmed(const std::string& text) {
 }  // namespace
 }  // namespace vesk::platform
 
+using vesk::platform::Caught;
+
 extern "C" veskcrypto_hwid* veskcrypto_hwid_init(void) {
   // A C struct released by veskcrypto_hwid_free, hence calloc.
   auto* ctx = static_cast<veskcrypto_hwid*>(std::calloc(1, sizeof(veskcrypto_hwid)));
@@ -48,7 +50,7 @@ extern "C" veskcrypto_hwid* veskcrypto_hwid_init(void) {
   return ctx;
 }
 
-extern "C" int veskcrypto_hwid_str(veskcrypto_hwid* ctx, int /*selector*/) {
+extern "C" int veskcrypto_hwid_str(veskcrypto_hwid* ctx, int /*selector*/) try {
   if (ctx == nullptr) {
     vesk::platform::SetLastError(EINVAL);
     return 0;
@@ -82,6 +84,8 @@ extern "C" int veskcrypto_hwid_str(veskcrypto_hwid* ctx, int /*selector*/) {
   ctx->str[2 * std::size_t{length}] = '\0';
   vesk::platform::SetLastError(0);
   return 1;
+} catch (...) {
+  return Caught(0);
 }
 
 extern "C" void veskcrypto_hwid_free(veskcrypto_hwid* ctx) {

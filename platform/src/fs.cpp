@@ -22,8 +22,10 @@ int Fail(int code) {
 
 }  // namespace
 
+using vesk::platform::Caught;
+
 extern "C" int VESKFSMkdirP(const char* path, int /*flags*/, int mode, int uid, int gid,
-                            int /*acl*/) {
+                            int /*acl*/) try {
   if (path == nullptr || *path == '\0')
     return Fail(EINVAL);
   const mode_t dir_mode = mode == 0 ? 0755 : static_cast<mode_t>(mode);
@@ -54,4 +56,6 @@ extern "C" int VESKFSMkdirP(const char* path, int /*flags*/, int mode, int uid, 
   }
   vesk::platform::SetLastError(0);
   return 0;
+} catch (...) {
+  return Caught(-1);
 }

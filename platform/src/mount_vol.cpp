@@ -144,11 +144,6 @@ namespace {
 
 constexpr size_t kMountInfoLimit = 16 << 20;
 
-int Fail(int code) {
-  SetLastError(code);
-  return -1;
-}
-
 int ReadMountTable(std::vector<MountEntry>* visible) {
   std::string text;
   if (int error = ReadWholeFile("/proc/self/mountinfo", kMountInfoLimit, &text); error != 0)
@@ -265,11 +260,12 @@ VESKVolInfo* Append(VolumeList* head, VESKVolInfo** tail) {
 }  // namespace
 }  // namespace vesk::platform
 
+using vesk::platform::Caught;
 using vesk::platform::Fail;
 using vesk::platform::MountEntry;
 using vesk::platform::SetLastError;
 
-extern "C" VESKVolInfo* VESKMountVolAllEnum(int /*flags*/, int /*mounted_only*/) {
+extern "C" VESKVolInfo* VESKMountVolAllEnum(int /*flags*/, int /*mounted_only*/) try {
   std::vector<std::string> configured;
   const bool from_environment = vesk::platform::ConfiguredVolumes(&configured);
   std::vector<MountEntry> visible;
@@ -305,9 +301,11 @@ extern "C" VESKVolInfo* VESKMountVolAllEnum(int /*flags*/, int /*mounted_only*/)
   }
   SetLastError(0);  // an empty list is no failure: the last error tells them apart
   return head.release();
+} catch (...) {
+  return Caught(static_cast<VESKVolInfo*>(nullptr));
 }
 
-extern "C" int VESKMountVolInfoGet(const char* path, VESKVolInfo* info) {
+extern "C" int VESKMountVolInfoGet(const char* path, VESKVolInfo* info) try {
   if (path == nullptr || info == nullptr)
     return Fail(EINVAL);
   const std::string wanted = vesk::platform::WithoutTrailingSlash(path);
@@ -349,6 +347,8 @@ extern "C" int VESKMountVolInfoGet(const char* path, VESKVolInfo* info) {
   *info = record;
   SetLastError(0);
   return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
 extern "C" void VESKMountVolInfoFree(VESKVolInfo* list) {
@@ -359,10 +359,14 @@ extern "C" void VESKMountVolInfoFree(VESKVolInfo* list) {
   }
 }
 
-extern "C" int VESKVolumeServicePolicy(const VESKVolInfo* info) {
+extern "C" int VESKVolumeServicePolicy(const VESKVolInfo* info) try {
   if (info == nullptr)
     return 0;
   if ((info->flags & VESK_VOL_FLAG_RW) == 0)
     return 0;
-  return vesk::platform::IsNetworkFileSystem(info->fs_type) ? 0 : 1;
+  // The record may come from anywhere: its text need not be terminated.
+  const std::string fs_type(info->fs_type, strnlen(info->fs_type, sizeof info->fs_type));
+  return vesk::platform::IsNetworkFileSystem(fs_type) ? 0 : 1;
+} catch (...) {
+  return Caught(0);
 }

@@ -54,11 +54,6 @@ Table& Sessions() {
   return table;
 }
 
-int Fail(int code) {
-  SetLastError(code);
-  return -1;
-}
-
 struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
@@ -274,11 +269,13 @@ int RunPlugin(const std::string& program, int action, const std::vector<std::str
 }  // namespace
 }  // namespace vesk::platform
 
+using vesk::platform::Caught;
 using vesk::platform::Fail;
 using vesk::platform::Sessions;
 using vesk::platform::SetLastError;
 
-extern "C" int VLIBPluginSDKInit(const char* module, const char* path, VLIBPluginHandle* handle) {
+extern "C" int VLIBPluginSDKInit(const char* module, const char* path,
+                                 VLIBPluginHandle* handle) try {
   if (handle == nullptr || module == nullptr || *module == '\0' || path == nullptr ||
       !vesk::platform::IsSafeRelativePath(path))
     return Fail(EINVAL);
@@ -295,9 +292,11 @@ extern "C" int VLIBPluginSDKInit(const char* module, const char* path, VLIBPlugi
   *handle = id;
   SetLastError(0);
   return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
-extern "C" int VLIBPluginSetArg(VLIBPluginHandle handle, const char* key, const char* value) {
+extern "C" int VLIBPluginSetArg(VLIBPluginHandle handle, const char* key, const char* value) try {
   // A name with "=" could not be passed as an environment variable.
   if (key == nullptr || *key == '\0' || std::strchr(key, '=') != nullptr || value == nullptr)
     return Fail(EINVAL);
@@ -309,9 +308,11 @@ extern "C" int VLIBPluginSetArg(VLIBPluginHandle handle, const char* key, const 
   found->second.args[key] = value;
   SetLastError(0);
   return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
-extern "C" int VLIBPluginAction(_tag_sdk_plugin_action_ action, VLIBPluginHandle handle) {
+extern "C" int VLIBPluginAction(_tag_sdk_plugin_action_ action, VLIBPluginHandle handle) try {
   vesk::platform::Session session;
   {
     // Plug-ins run outside the lock: a long action does not hold up other handles.
@@ -334,13 +335,17 @@ extern "C" int VLIBPluginAction(_tag_sdk_plugin_action_ action, VLIBPluginHandle
     return Fail(first_error);
   SetLastError(0);
   return 0;
+} catch (...) {
+  return Caught(-1);
 }
 
-extern "C" int VLIBPluginExit(VLIBPluginHandle handle) {
+extern "C" int VLIBPluginExit(VLIBPluginHandle handle) try {
   auto& table = Sessions();
   std::lock_guard<std::mutex> lock(table.mutex);
   if (table.sessions.erase(handle) == 0)
     return Fail(EBADF);
   SetLastError(0);
   return 0;
+} catch (...) {
+  return Caught(-1);
 }

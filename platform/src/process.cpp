@@ -1,59 +1,33 @@
 #include <errno.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <stdarg.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <string>
 #include <vector>
 
 #include "last_error.h"
+#include "vesk_internal/spawn.h"
 #include "vlib/vlibc.h"
-
-extern char** environ;
 
 namespace vesk::platform {
 namespace {
 
 thread_local int last_error = 0;
 
-// Spawns argv[0] with stdin from /dev/null, waits, and maps the outcome to
-// 0 (exit status 0) or -1 with the reason kept as the last error.
-int SpawnAndWait(const std::vector<const char*>& argv) {
-  posix_spawn_file_actions_t actions;
-  if (posix_spawn_file_actions_init(&actions) != 0) {
-    SetLastError(errno);
-    return -1;
-  }
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-
-  pid_t pid = -1;
-  int rc =
-      posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv.data()), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    SetLastError(rc);
-    return -1;
-  }
-
+// Maps the outcome to 0 (exit status 0) or -1 with the reason kept as the
+// last error.
+int Run(const std::vector<std::string>& argv) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) {
-      SetLastError(errno);
-      return -1;
-    }
+  if (int error = SpawnAndWait(argv, {}, &status); error != 0)
+    return Fail(error);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+    SetLastError(0);
+    return 0;
   }
-  if (WIFEXITED(status)) {
-    if (WEXITSTATUS(status) == 0) {
-      SetLastError(0);
-      return 0;
-    }
-    SetLastError(0x100 + WEXITSTATUS(status));
-    return -1;
-  }
-  SetLastError(WIFSIGNALED(status) ? 0x200 + WTERMSIG(status) : EIO);
-  return -1;
+  if (WIFEXITED(status))
+    return Fail(0x100 + WEXITSTATUS(status));
+  return Fail(WIFSIGNALED(status) ? 0x200 + WTERMSIG(status) : EIO);
 }
 
 }  // namespace
@@ -67,38 +41,38 @@ int LastError() {
 
 }  // namespace vesk::platform
 
-using vesk::platform::SpawnAndWait;
+using vesk::platform::CatchAll;
+using vesk::platform::Caught;
 
 extern "C" int VLIBCExecl(const char* path, int flags, ...) {
   static_cast<void>(flags);  // the spawn behaves the same for every flags word
-  if (path == nullptr) {
-    vesk::platform::SetLastError(EINVAL);
-    return -1;
-  }
-  std::vector<const char*> argv{path};
+  if (path == nullptr)
+    return vesk::platform::Fail(EINVAL);
   va_list ap;
   va_start(ap, flags);
-  while (const char* arg = va_arg(ap, const char*))
-    argv.push_back(arg);
+  const int rc = CatchAll(-1, [&] {
+    std::vector<std::string> argv{path};
+    while (const char* arg = va_arg(ap, const char*))
+      argv.emplace_back(arg);
+    return vesk::platform::Run(argv);
+  });
   va_end(ap);
-  argv.push_back(nullptr);
-  return SpawnAndWait(argv);
+  return rc;
 }
 
 extern "C" int VLIBCExec(const char* program, const char* arg1, const char* arg2, const char* arg3,
-                         const char* arg4) {
-  if (program == nullptr) {
-    vesk::platform::SetLastError(EINVAL);
-    return -1;
-  }
-  std::vector<const char*> argv{program};
+                         const char* arg4) try {
+  if (program == nullptr)
+    return vesk::platform::Fail(EINVAL);
+  std::vector<std::string> argv{program};
   for (const char* arg : {arg1, arg2, arg3, arg4}) {
     if (arg == nullptr)
       break;
-    argv.push_back(arg);
+    argv.emplace_back(arg);
   }
-  argv.push_back(nullptr);
-  return SpawnAndWait(argv);
+  return vesk::platform::Run(argv);
+} catch (...) {
+  return Caught(-1);
 }
 
 extern "C" int VLIBCErrGet(void) {

@@ -27,7 +27,7 @@ constexpr std::uint64_t kMaxDocumentSize = std::uint64_t{256} << 20;
 Status ReadWhole(const std::string& path, std::uint64_t limit, std::vector<std::uint8_t>* out) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat st;
-  if (!fd.valid() || fstat(fd.get(), &st) != 0)
+  if (!fd || fstat(fd.get(), &st) != 0)
     return Fail(VESKARCHIVE_E_OPEN, path + ": " + std::strerror(errno));
   if (!S_ISREG(st.st_mode))
     return Fail(VESKARCHIVE_E_OPEN, path + ": not a regular file");

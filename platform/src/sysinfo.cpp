@@ -2,6 +2,7 @@
 #include <fstream>
 #include <string>
 
+#include "last_error.h"
 #include "vlib/sysinfo.h"
 
 namespace {
@@ -27,7 +28,9 @@ std::string PrettyName() {
 
 }  // namespace
 
-extern "C" int VLIBSysinfoUserAgentGet(const char* component, char* buffer, size_t size) {
+using vesk::platform::Caught;
+
+extern "C" int VLIBSysinfoUserAgentGet(const char* component, char* buffer, size_t size) try {
   if (component == nullptr || buffer == nullptr || size == 0)
     return -1;
   std::string text =
@@ -36,4 +39,6 @@ extern "C" int VLIBSysinfoUserAgentGet(const char* component, char* buffer, size
     return -1;
   std::memcpy(buffer, text.c_str(), text.size() + 1);
   return static_cast<int>(text.size());
+} catch (...) {
+  return Caught(-1);
 }

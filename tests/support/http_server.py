@@ -1,121 +1,112 @@
 #!/usr/bin/env python3
-"""Static file server for the tests: binds 127.0.0.1 on a free port, prints the
-port on its first stdout line, and appends one line per request ("GET /path") to
-the file given by --log, so tests can count what was fetched.
-
-With --faults FILE, the file is read again on every request: a JSON list of
-rules, the first whose "match" text occurs in the request path applying. A rule
-says what goes wrong:
-  {"match": "/x", "status": 500}    answer with that status and no file
-  {"match": "/x", "drop": true}     close the connection without any answer
-  {"match": "/x", "cut": 100}       announce the whole length, send 100 bytes, close
-  {"match": "/x", "stall": 5}       announce the whole length, send "stall_after"
-                                    bytes (default 0), wait 5 s, close
-  {"match": "/x", "rate": 65536}    send the whole file at that many bytes a second
-and "times": N limits a rule to the first N requests it matches. A missing or
-unreadable file means no faults."""
+"""Static file server of the tests and the benchmarks on 127.0.0.1: prints its free
+port; logs "GET /path" per request to --log ("GET /path <body bytes sent>" once
+answered with --log-sent); sendfile(2) bodies, paced to --rate-mbit. --faults FILE,
+read on every request: a JSON list of rules, the first whose "match" is in the path
+applying at most "times" times: {"status": 500}; {"drop": true} (no answer); {"cut":
+100} (the whole length announced, 100 bytes sent); {"stall": 5, "stall_after": 10}."""
 import argparse
 import functools
 import http.server
 import json
-import sys
 import threading
 import time
 
 
 class Handler(http.server.SimpleHTTPRequestHandler):
-    request_log = None
-    faults_path = None
+    args = None
     used = {}  # rule index -> requests it has matched
     used_lock = threading.Lock()
 
-    def log_message(self, fmt, *args):  # keep test output quiet
+    def log_message(self, fmt, *args):  # keep the callers' output clean
         pass
 
-    def _fault(self):
-        if not self.faults_path:
-            return None
-        try:
-            with open(self.faults_path) as f:
-                rules = json.load(f)
-        except (OSError, ValueError):
-            return None
-        for index, rule in enumerate(rules):
-            if rule.get("match", "") not in self.path:
-                continue
-            with self.used_lock:
-                count = self.used.get((self.faults_path, index), 0)
-                if "times" in rule and count >= rule["times"]:
-                    continue
-                self.used[(self.faults_path, index)] = count + 1
-            return rule
-        return None
+    def _log(self, line):
+        with open(self.args.log or "/dev/null", "a") as log:
+            log.write(line + "\n")
 
-    def _send_partial(self, path, rule):
-        """Headers for the whole file, then part of it (or all of it slowly)."""
+    def _fault(self):
         try:
-            with open(path, "rb") as f:
+            with open(self.args.faults) as f:
+                rules = json.load(f)
+        except (OSError, TypeError, ValueError):
+            return {}
+        for index, rule in enumerate(rules):
+            with self.used_lock:
+                count = self.used.get(index, 0)
+                if rule.get("match", "") in self.path and count < rule.get("times", count + 1):
+                    self.used[index] = count + 1
+                    return rule
+        return {}
+
+    def copyfile(self, source, outputfile):
+        outputfile.flush()
+        start = time.monotonic()
+        rate = self.args.rate_mbit * 1e6 / 8  # bytes a second; 0: as fast as it goes
+        chunk = 64 * 1024 if rate else None
+        while True:
+            n = self.connection.sendfile(source, self.sent, chunk)
+            if n == 0:
+                break
+            self.sent += n
+            ahead = start + self.sent / rate - time.monotonic() if rate else 0
+            if ahead > 0:
+                time.sleep(ahead)
+
+    def _send_part(self, rule):
+        """Headers for the whole file, then only part of it."""
+        try:
+            with open(self.translate_path(self.path), "rb") as f:
                 data = f.read()
         except OSError:
             self.send_error(404)
             return
         self.send_response(200)
-        self.send_header("Content-Type", "application/octet-stream")
         self.send_header("Content-Length", str(len(data)))
         self.end_headers()
         try:
-            if "cut" in rule:
-                self.wfile.write(data[: rule["cut"]])
-            elif "stall" in rule:
-                self.wfile.write(data[: rule.get("stall_after", 0)])
-                self.wfile.flush()
-                time.sleep(rule["stall"])
-            else:
-                chunk = max(1, rule["rate"] // 20)
-                for start in range(0, len(data), chunk):
-                    self.wfile.write(data[start : start + chunk])
-                    self.wfile.flush()
-                    time.sleep(0.05)
+            self.wfile.write(data[: rule.get("cut", rule.get("stall_after", 0))])
             self.wfile.flush()
+            time.sleep(rule.get("stall", 0))
         except OSError:
             pass  # the client went away
         self.close_connection = True
 
     def send_head(self):
-        if self.request_log:
-            with open(self.request_log, "a") as log:
-                log.write(f"{self.command} {self.path}\n")
+        if not self.args.log_sent:
+            self._log(f"{self.command} {self.path}")
         rule = self._fault()
-        if rule is None:
-            return super().send_head()
         if "status" in rule:
             self.send_error(rule["status"])
-            return None
-        if rule.get("drop"):
+        elif rule.get("drop"):
             self.close_connection = True
-            return None
-        self._send_partial(self.translate_path(self.path), rule)
+        elif "cut" in rule or "stall" in rule:
+            self._send_part(rule)
+        else:
+            return super().send_head()
         return None
+
+    def handle_one_request(self):
+        self.sent = 0
+        super().handle_one_request()
+        if self.args.log_sent and getattr(self, "command", None):
+            self._log(f"{self.command} {self.path} {self.sent}")
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--dir", required=True)
     parser.add_argument("--log")
+    parser.add_argument("--log-sent", action="store_true")
     parser.add_argument("--faults")
-    parser.add_argument("--port", type=int, default=0)
-    args = parser.parse_args()
-    Handler.request_log = args.log
-    Handler.faults_path = args.faults
-    handler = functools.partial(Handler, directory=args.dir)
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), handler)
+    parser.add_argument("--rate-mbit", type=float, default=0)
+    Handler.args = parser.parse_args()
+    handler = functools.partial(Handler, directory=Handler.args.dir)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
     server.daemon_threads = True
     print(server.server_address[1], flush=True)
-    try:
-        server.serve_forever()
-    except KeyboardInterrupt:
-        pass
+    server.serve_forever()
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

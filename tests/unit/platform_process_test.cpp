@@ -1,162 +1,146 @@
-// The platform layer's small services: running programs, directories, the
-// user agent, the sandbox root and the machine identity.
+// Programs, directories, the user agent, the sandbox root and the data volumes (real
+// mounts: volume_namespace_test; the machine identity: service_test).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
+#include "mountinfo.h"
 #include "test_support.h"
-#include "vesk/crypto_hwid.h"
 #include "vesk/fs.h"
+#include "vesk/mount_vol.h"
 #include "vesk/root.h"
 #include "vlib/sysinfo.h"
 #include "vlib/vlibc.h"
 
+using namespace vesk::platform;
 using namespace vesk::test;
 
-TEST(PlatformExec, SuccessOnlyForExitStatusZero) {
-  EXPECT_EQ(VLIBCExecl("/bin/true", 187, static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0);
-  EXPECT_NE(VLIBCExecl("/bin/false", 187, static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x101);
-  EXPECT_NE(VLIBCExecl("/bin/sh", 0, "-c", "exit 7", static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x107);
-  EXPECT_NE(VLIBCExecl("/bin/sh", 0, "-c", "kill -9 $$", static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), 0x209);
-  EXPECT_NE(VLIBCExecl("/nonexistent/program", 0, static_cast<const char*>(nullptr)), 0);
-  EXPECT_EQ(VLIBCErrGet(), ENOENT);
-}
-
-TEST(PlatformExec, ArgumentsArePassedInOrderStdinIsEmptyAndTheFixedFormStopsAtNull) {
+TEST(PlatformExec, SuccessOnlyForExitStatusZeroArgumentsInOrderStdinEmpty) {
+  std::string outcomes;  // result/last error: 0x100 + exit status, 0x200 + signal, errno
+  for (const char* command : {"exit 0", "exit 1", "exit 7", "kill -9 $$", ""}) {
+    const char* program = *command ? "/bin/sh" : "/nonexistent/program";
+    outcomes += std::to_string(VLIBCExecl(program, 187, "-c", command, nullptr));
+    outcomes += "/" + std::to_string(VLIBCErrGet()) + " ";
+  }
+  EXPECT_EQ(outcomes, "0/0 -1/257 -1/263 -1/521 -1/" + std::to_string(ENOENT) + " ");
   TempDir dir;
-  const std::string out = dir / "out";
-  const std::string script = "printf '%s|' \"$@\" > " + out + "; cat >> " + out;
-  ASSERT_EQ(VLIBCExecl("/bin/sh", 187, "-c", script.c_str(), "sh", "a b", "", "c",
-                       static_cast<const char*>(nullptr)),
-            0);
+  const std::string out = dir / "out", script = "printf '%s|' \"$@\" > " + out + "; cat >> " + out;
+  ASSERT_EQ(VLIBCExecl("/bin/sh", 0, "-c", script.c_str(), "sh", "a b", "", "c", nullptr), 0);
   EXPECT_EQ(ReadFile(out), "a b||c|");
-  const std::string count = "echo $# > " + out;
-  ASSERT_EQ(VLIBCExec("/bin/sh", "-c", count.c_str(), nullptr, "ignored"), 0);
+  ASSERT_EQ(VLIBCExec("/bin/sh", "-c", ("echo $# > " + out).c_str(), nullptr, "ignored"), 0);
   EXPECT_EQ(ReadFile(out), "0\n");
-  EXPECT_LT(VLIBCExec("/bin/mv", (dir / "none").c_str(), (dir / "x").c_str(), nullptr, nullptr), 0);
 }
 
 TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) {
   TempDir dir;
-  const std::string deep = dir / "a/b/c/";
-  ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
-  ASSERT_EQ(VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1), 0);
-  struct stat st;
-  ASSERT_EQ(stat((dir / "a/b").c_str(), &st), 0);
-  mode_t mask = umask(0);
+  const std::string deep = dir / "a/b/";
+  const mode_t mask = umask(0);
+  ASSERT_EQ(
+      VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1) + VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1),
+      0);
   umask(mask);
-  EXPECT_EQ(st.st_mode & 0777, 0755 & ~mask);
+  struct stat st {};
+  ASSERT_EQ(stat((dir / "a").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0755u);
   WriteFile(dir / "f", "x");
   EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
   EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
-
-  EXPECT_NE(VLIBCFileExist(deep.c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist((dir / "none").c_str()), 0);
-  EXPECT_EQ(VLIBCFileExist(nullptr), 0);
+  EXPECT_EQ(VLIBCFileExist(deep.c_str()) * 2 + VLIBCFileExist((dir / "x").c_str()), 2);
 }
 
-TEST(PlatformUserAgent, RefusesTooSmallBuffers) {
+TEST(PlatformUserAgent, FillsTheBufferOnlyWhenTheTextAndItsNulFit) {
   char buffer[256];
-  int n = VLIBSysinfoUserAgentGet("database", buffer, sizeof buffer);
-  ASSERT_GT(n, 0);
-  EXPECT_EQ(std::string(buffer).size(), static_cast<size_t>(n));
+  const int n = VLIBSysinfoUserAgentGet("database", buffer, sizeof buffer);
+  ASSERT_EQ(std::string(buffer).substr(0, 9) + std::to_string(n),
+            "veskdbud/" + std::to_string(std::strlen(buffer)));
   EXPECT_LT(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n)), 0);
   EXPECT_EQ(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n) + 1), n);
 }
 
-TEST(SandboxRoot, ResolvesFixedPathsOnlyWhenSet) {
-  {
-    ScopedEnv unset("VESKDBUD_ROOT", nullptr);
-    EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"), "/run/data_update/x.lock");
+// The one resolver of fixed paths; the tool's SystemPath is this function.
+TEST(SandboxRoot, ResolvesFixedPathsOnlyBelowANonEmptyRoot) {
+  std::string paths;
+  for (const char* root : {static_cast<const char*>(nullptr), "", "/", "/tmp/box//"}) {
+    ScopedEnv env("VESKDBUD_ROOT", root);
+    paths += RootPath("/run/x") + " ";
   }
-  {
-    ScopedEnv set("VESKDBUD_ROOT", "/tmp/sandbox//");
-    EXPECT_EQ(vesk::platform::RootPath("/run/data_update/x.lock"),
-              "/tmp/sandbox/run/data_update/x.lock");
-    EXPECT_EQ(vesk::platform::RootPath("/"), "/tmp/sandbox/");
-  }
-  {
-    ScopedEnv empty("VESKDBUD_ROOT", "");
-    EXPECT_EQ(vesk::platform::RootPath("/var/db/x"), "/var/db/x");
-  }
+  EXPECT_EQ(paths, "/run/x /run/x /run/x /tmp/box/run/x ");
 }
 
-namespace {
+std::string Describe(const VESKVolInfo& r) {
+  return std::string(r.mount_path) + " mounted=" + std::to_string(r.mounted) +
+         " statvfs=" + std::to_string(r.stat_ready) + " rw=" + std::to_string(r.flags) +
+         " policy=" + std::to_string(VESKVolumeServicePolicy(&r)) +
+         " avail=" + std::to_string(r.avail_bytes > 0) + (r.next ? "" : " last");
+}
 
-struct HwidFree {
-  void operator()(veskcrypto_hwid* ctx) const { veskcrypto_hwid_free(ctx); }
-};
-using Hwid = std::unique_ptr<veskcrypto_hwid, HwidFree>;
+TEST(MountInfo, ParsesUnescapesAndDropsMalformedAndHiddenMounts) {
+  EXPECT_EQ(UnescapeMountField("/a\\040b\\011c\\134d\\04") + UnescapeMountField("/x\\999y"),
+            "/a b\tc\\d\\04/x\\999y");
+  const auto visible = VisibleMounts(
+      ParseMountInfo("22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+                     "35 22 0:31 / /volume1 rw,nosuid shared:5 master:2 - tmpfs tmpfs rw\n"
+                     "36 35 0:32 / /volume1 ro - nfs4 server:/export rw\n"  // stacked on 35
+                     "37 36 0:33 / /volume1/a\\040b rw - xfs c rw\n"
+                     "garbage line\n"
+                     "38 22 0:34 / /no/separator rw shared:9 tmpfs tmpfs rw\n"
+                     "x 22 0:35 / /bad/id rw - tmpfs tmpfs rw\n"));
+  std::string seen;
+  for (const MountEntry& e : visible)
+    seen += std::to_string(e.id) + " " + std::to_string(e.parent) + " " + e.mount_point + " " +
+            e.options + " " + e.fs_type + ";";
+  EXPECT_EQ(seen, "22 1 / rw,relatime ext4;36 35 /volume1 ro nfs4;37 36 /volume1/a b rw xfs;");
+  std::string holders;
+  for (const char* path : {"/volume1/x", "/volume1/a b/z", "/volume10", "/volume1/a bc"})
+    holders += HoldingMount(visible, path)->fs_type + " ";
+  EXPECT_EQ(holders, "nfs4 xfs ext4 nfs4 ");
+  EXPECT_EQ(HoldingMount({}, "/x"), nullptr);
+}
 
-// The identity, or "" when veskcrypto_hwid_str fails (which must then leave "").
-std::string Identity() {
-  Hwid ctx(veskcrypto_hwid_init());
-  EXPECT_NE(ctx, nullptr);
-  if (!ctx)
-    return "<no context>";
-  if (veskcrypto_hwid_str(ctx.get(), 16) == 0) {
-    EXPECT_STREQ(ctx->str, "");
-    return "";
+TEST(MountInfo, DataVolumesAreSlashVolumeAndDigitsAndServicesShunTheNetwork) {
+  for (const char* path : {"/volume", "/volume1", "/volume007"})
+    EXPECT_TRUE(IsDataVolumePath(path)) << path;
+  for (const char* path : {"/volumeX", "/volume1a", "/volume1/", "/volume1/sub", "/data/volume1",
+                           "volume1", "/Volume1", ""})
+    EXPECT_FALSE(IsDataVolumePath(path)) << path;
+  const auto policy = [](const char* fs_type, unsigned int flags) {
+    VESKVolInfo info{};
+    std::strcpy(info.fs_type, fs_type);
+    info.flags = flags;
+    return VESKVolumeServicePolicy(&info);
+  };
+  for (const char* local : {"ext4", "tmpfs", ""})  // read-only refused
+    EXPECT_EQ(policy(local, VESK_VOL_FLAG_RW) * 2 + policy(local, 0), 2) << local;
+  for (const char* network : {"nfs", "nfs4", "cifs", "smb3", "9p", "ceph", "afs", "fuse.sshfs"})
+    EXPECT_EQ(policy(network, VESK_VOL_FLAG_RW), 0) << network;
+}
+
+TEST(ConfiguredVolumes, ExactlyTheNamedDirectoriesInOrderWithTheirUsableSpace) {
+  TempDir dir;
+  const std::string a = dir / "a", b = dir / "b", missing = dir / "missing";
+  ASSERT_EQ(mkdir(a.c_str(), 0755) | mkdir(b.c_str(), 0755), 0);
+  ScopedEnv volumes("VESK_VOLUMES", (b + "::" + missing + ":" + a + ":").c_str());
+  std::unique_ptr<VESKVolInfo, void (*)(VESKVolInfo*)> list(VESKMountVolAllEnum(0, 1),
+                                                            VESKMountVolInfoFree);
+  std::string described;
+  for (const VESKVolInfo* r = list.get(); r != nullptr; r = r->next)
+    described += Describe(*r) + ";";
+  EXPECT_EQ(described, b + " mounted=1 statvfs=1 rw=1 policy=1 avail=1;" + missing +
+                           " mounted=0 statvfs=0 rw=0 policy=0 avail=0;" + a +
+                           " mounted=1 statvfs=1 rw=1 policy=1 avail=1 last;");
+  VESKVolInfo info;
+  ASSERT_EQ(VESKMountVolInfoGet((a + "/").c_str(), &info), 0);
+  EXPECT_EQ(Describe(info), a + " mounted=1 statvfs=1 rw=1 policy=1 avail=1 last");
+  for (const auto& [path, error] :
+       {std::pair<std::string, int>{missing, ENOENT}, {dir.path(), ENODEV}}) {
+    EXPECT_EQ(VESKMountVolInfoGet(path.c_str(), &info), -1) << path;
+    EXPECT_EQ(VLIBCErrGet(), error) << path;
   }
-  return ctx->str;
+  ScopedEnv none("VESK_VOLUMES", "");  // no volumes, and no error
+  EXPECT_EQ(VESKMountVolAllEnum(0, 1), nullptr);
+  EXPECT_EQ(VLIBCErrGet(), 0);
 }
-
-class HwidSandbox : public ::testing::Test {
- protected:
-  void SetMachineId(const std::string& content) { WriteFile(root_ / "etc/machine-id", content); }
-  TempDir root_;
-  ScopedEnv env_{"VESKDBUD_ROOT", root_.path().c_str()};
-};
-
-TEST_F(HwidSandbox, IsTheSha256OfTheTrimmedMachineIdStableAcrossCallsAndContexts) {
-  SetMachineId("  abc \n");
-  // SHA-256("abc"), the FIPS 180-2 example.
-  EXPECT_EQ(Identity(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-
-  SetMachineId("4c4c4544003957108052b4c04f384d32\n");
-  Hwid ctx(veskcrypto_hwid_init());
-  ASSERT_NE(ctx, nullptr);
-  ASSERT_NE(veskcrypto_hwid_str(ctx.get(), 16), 0);
-  const std::string first = ctx->str;
-  ASSERT_NE(veskcrypto_hwid_str(ctx.get(), 16), 0);
-  EXPECT_EQ(std::string(ctx->str), first);
-  EXPECT_EQ(Identity(), first);
-  SetMachineId("4c4c4544003957108052b4c04f384d33\n");
-  EXPECT_NE(Identity(), first);
-}
-
-TEST_F(HwidSandbox, AnEmptyOrBlankMachineIdIsAFailure) {
-  SetMachineId("");
-  EXPECT_EQ(Identity(), "");
-  EXPECT_EQ(VLIBCErrGet(), ENODATA);
-  SetMachineId(" \n\t\n");
-  EXPECT_EQ(Identity(), "");
-}
-
-TEST_F(HwidSandbox, WithoutASandboxMachineIdTheHostsIsUsed) {
-  const std::string sandboxed = Identity();
-  std::string host;
-  {
-    ScopedEnv unset("VESKDBUD_ROOT", nullptr);
-    host = Identity();
-  }
-  EXPECT_EQ(sandboxed, host);
-  if (!host.empty()) {  // some containers ship an empty /etc/machine-id
-    EXPECT_EQ(host.size(), 64u);
-  }
-}
-
-TEST(Hwid, ANullContextIsRefused) {
-  EXPECT_EQ(veskcrypto_hwid_str(nullptr, 16), 0);
-  EXPECT_EQ(VLIBCErrGet(), EINVAL);
-  veskcrypto_hwid_free(nullptr);  // like free(NULL)
-}
-
-}  // namespace

@@ -25,7 +25,7 @@ PublishError Errno(const std::string& what, const std::string& path) {
 
 UniqueFd OpenForReading(const std::string& path) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!fd.valid())
+  if (!fd)
     throw Errno("cannot open", path);
   return fd;
 }
@@ -74,12 +74,12 @@ void WriteFileAtomically(const std::string& path, const std::string& content, mo
   const std::string temp = path + ".tmp";
   {
     UniqueFd fd(open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
-    if (!fd.valid())
+    if (!fd)
       throw Errno("cannot create", temp);
     if (fchmod(fd.get(), mode) != 0)  // the umask must not widen or narrow the mode
       throw Errno("cannot set the mode of", temp);
     WriteAll(fd.get(), content.data(), content.size(), temp);
-    if (close(fd.Release()) != 0)
+    if (close(fd.release()) != 0)
       throw Errno("cannot write", temp);
   }
   RenameFile(temp, path);
@@ -93,12 +93,12 @@ void RenameFile(const std::string& from, const std::string& to) {
 void CopyFileContents(const std::string& from, const std::string& to) {
   UniqueFd in = OpenForReading(from);
   UniqueFd out(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!out.valid())
+  if (!out)
     throw Errno("cannot create", to);
   std::vector<char> buf(kChunk);
   while (size_t n = ReadSome(in.get(), buf.data(), buf.size(), from))
     WriteAll(out.get(), buf.data(), n, to);
-  if (close(out.Release()) != 0)
+  if (close(out.release()) != 0)
     throw Errno("cannot write", to);
 }
 
@@ -171,7 +171,7 @@ ScratchDir::~ScratchDir() {
 
 std::string Sha384Hex(const std::string& path) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!fd.valid())
+  if (!fd)
     throw PublishError("cannot read " + path + ": " + std::strerror(errno));
   EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha384(), nullptr) != 1)

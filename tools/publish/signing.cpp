@@ -28,10 +28,10 @@ std::string BioText(BIO* bio) {
 
 void WriteNewFile(const std::string& path, const std::string& content, mode_t mode) {
   UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-  if (!fd.valid())
+  if (!fd)
     throw PublishError("cannot create " + path + ": " + std::strerror(errno));
   WriteAll(fd.get(), content.data(), content.size(), path);
-  if (close(fd.Release()) != 0)
+  if (close(fd.release()) != 0)
     throw PublishError("cannot write " + path + ": " + std::strerror(errno));
 }
 
@@ -97,7 +97,7 @@ void SignArchive(const std::string& archive_path, const std::string& package_pat
                  std::uint32_t key_type, const std::optional<std::string>& binding) {
   UniqueFd in(open(archive_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat st;
-  if (!in.valid() || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
+  if (!in || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
     throw PublishError("cannot read the archive " + archive_path);
   const auto length = static_cast<std::uint64_t>(st.st_size);
   if (length > kMaxArchiveLength)
@@ -105,7 +105,7 @@ void SignArchive(const std::string& archive_path, const std::string& package_pat
 
   const std::string temp = package_path + ".tmp";
   UniqueFd out(open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!out.valid())
+  if (!out)
     throw PublishError("cannot create " + temp + ": " + std::strerror(errno));
   EvpMdCtxPtr hash(EVP_MD_CTX_new());
   if (!hash || EVP_DigestInit_ex(hash.get(), EVP_sha512(), nullptr) != 1)
@@ -163,7 +163,7 @@ void SignArchive(const std::string& archive_path, const std::string& package_pat
   const Trailer trailer = EncodeTrailer(fields);
   WriteAll(out.get(), trailer.data(), trailer.size(), temp);
   WriteAll(out.get(), section.data(), section.size(), temp);
-  if (close(out.Release()) != 0)
+  if (close(out.release()) != 0)
     throw PublishError("cannot write " + temp + ": " + std::strerror(errno));
   RenameFile(temp, package_path);
 }

@@ -20,7 +20,7 @@ const std::string kSqliteHeader("SQLite format 3\0", 16);
 // Rewrites sqldiff's output so that every statement is on one line.
 bool JoinStatements(const std::string& raw, const std::string& out, std::string* why) {
   UniqueFd fd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!fd.valid())
+  if (!fd)
     throw PublishError("cannot create " + out);
   LineReader lines(raw);
   std::string line, statement;
@@ -38,7 +38,7 @@ bool JoinStatements(const std::string& raw, const std::string& out, std::string*
     *why = "sqldiff ended inside a statement";
     return false;
   }
-  if (close(fd.Release()) != 0)
+  if (close(fd.release()) != 0)
     throw PublishError("cannot write " + out);
   return true;
 }

@@ -34,7 +34,7 @@ void WriteData(struct archive* a, const char* data, size_t size, const std::stri
 
 void StreamFile(struct archive* a, const TarMember& m, std::uint64_t size) {
   UniqueFd fd(open(m.source_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!fd.valid())
+  if (!fd)
     throw PublishError("cannot open " + m.source_path + ": " + std::strerror(errno));
   std::vector<char> buf(64 * 1024);
   std::uint64_t done = 0;
@@ -74,7 +74,7 @@ TarMember TextMember(const std::string& name, const std::string& content) {
 void WriteTar(const std::string& out_path, const std::vector<TarMember>& members,
               std::int64_t mtime) {
   UniqueFd fd(open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!fd.valid())
+  if (!fd)
     throw PublishError("cannot create " + out_path + ": " + std::strerror(errno));
   ArchiveWritePtr a(archive_write_new());
   if (!a)
@@ -106,7 +106,7 @@ void WriteTar(const std::string& out_path, const std::vector<TarMember>& members
       StreamFile(a.get(), m, size);
   }
   Check(a.get(), archive_write_close(a.get()), "cannot finish " + out_path);
-  if (close(fd.Release()) != 0)
+  if (close(fd.release()) != 0)
     throw PublishError("cannot write " + out_path + ": " + std::strerror(errno));
 }
 

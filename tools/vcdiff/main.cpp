@@ -4,7 +4,6 @@
 // either complete or untouched.
 #include <errno.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,9 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "vesk_internal/spawn.h"
 #include "vesk_internal/unique_fd.h"
-
-extern char** environ;
 
 namespace {
 
@@ -39,7 +37,7 @@ int Fail(const std::string& message) {
 std::string CheckInput(const std::string& path) {
   vesk::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat st;
-  if (!fd.valid() || fstat(fd.get(), &st) != 0)
+  if (!fd || fstat(fd.get(), &st) != 0)
     return std::strerror(errno);
   if (!S_ISREG(st.st_mode))
     return "not a regular file";
@@ -49,33 +47,15 @@ std::string CheckInput(const std::string& path) {
 // Runs xdelta3 with stdout into `out_fd`; its exit status, or -1.
 int RunXdelta3(const std::string& source, const std::string& delta, int out_fd) {
   // -D: never decompress the source through an external program; -c: to stdout.
-  std::vector<std::string> args{kXdelta3, "-d", "-D", "-c", "-s", source, delta};
-  std::vector<char*> argv;
-  for (auto& a : args)
-    argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::vector<char*> env;  // XDELTA would add options behind our back
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "XDELTA=", 7) != 0)
-      env.push_back(*e);
-  }
-  env.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-  pid_t pid = -1;
-  int rc = posix_spawn(&pid, kXdelta3, &actions, nullptr, argv.data(), env.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    errno = rc;
-    return -1;
-  }
+  vesk::SpawnOptions options;
+  options.stdout_fd = out_fd;
+  options.drop_xdelta_options = true;
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR)
-      return -1;
+  if (int error =
+          vesk::SpawnAndWait({kXdelta3, "-d", "-D", "-c", "-s", source, delta}, options, &status);
+      error != 0) {
+    errno = error;
+    return -1;
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -90,12 +70,12 @@ int Decode(const std::string& source, const std::string& output, const std::stri
 
   std::string temp = output + ".XXXXXX";
   vesk::UniqueFd out(mkostemp(temp.data(), O_CLOEXEC));
-  if (!out.valid())
+  if (!out)
     return Fail("cannot create output next to " + output + ": " + std::strerror(errno));
   const int status = RunXdelta3(source, delta, out.get());
   const mode_t mask = umask(0);
   umask(mask);
-  if (status != 0 || fchmod(out.get(), 0666 & ~mask) != 0 || close(out.Release()) != 0 ||
+  if (status != 0 || fchmod(out.get(), 0666 & ~mask) != 0 || close(out.release()) != 0 ||
       rename(temp.c_str(), output.c_str()) != 0) {
     const std::string reason =
         status != 0 ? "xdelta3 status " + std::to_string(status) : std::strerror(errno);

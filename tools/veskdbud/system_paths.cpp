@@ -1,17 +1,11 @@
 #include "system_paths.h"
 
-#include <cstdlib>
+#include "vesk/root.h"
 
 namespace vesk::cli {
 
 std::string SystemPath(const std::string& fixed) {
-  const char* env = std::getenv("VESKDBUD_ROOT");
-  std::string root = env != nullptr ? env : "";
-  while (root.size() > 1 && root.back() == '/')
-    root.pop_back();
-  if (root.empty() || root == "/")
-    return fixed;
-  return fixed.empty() || fixed.front() != '/' ? root + "/" + fixed : root + fixed;
+  return vesk::platform::RootPath(fixed);
 }
 
 }  // namespace vesk::cli

@@ -3,8 +3,8 @@
 // The library resolves every fixed path ("/var/lib/data_update",
 // "/var/cache/data_update", "/run/data_update", ...) below the directory named
 // by VESKDBUD_ROOT when that variable is set, and uses it unchanged otherwise.
-// SystemPath applies the same rule; it is the only place in the tool that does,
-// and it must stay in step with the library's (docs/operations.md, "Files").
+// SystemPath is the platform layer's own resolver, so the tool and the library
+// cannot disagree (docs/operations.md, "Files").
 #pragma once
 
 #include <string>

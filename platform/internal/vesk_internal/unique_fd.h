@@ -1,6 +1,6 @@
-// A move-only owner of a file descriptor, closed on destruction.
-//
-// Used by the platform layer, the tools and the tests alike; never throws.
+// A move-only owner of one file descriptor, closed on destruction unless
+// release() hands it on. The one such holder of the library, the platform
+// layer, the tools and the tests; never throws.
 #pragma once
 
 #include <unistd.h>
@@ -11,30 +11,29 @@ namespace vesk {
 
 class UniqueFd {
  public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { Reset(); }
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
+  explicit UniqueFd(int fd = -1) noexcept : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
     if (this != &other)
-      Reset(other.Release());
+      reset(other.release());
     return *this;
   }
   UniqueFd(const UniqueFd&) = delete;
   UniqueFd& operator=(const UniqueFd&) = delete;
 
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  int Release() { return std::exchange(fd_, -1); }
+  int get() const noexcept { return fd_; }
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  int release() noexcept { return std::exchange(fd_, -1); }
   // Closes the held descriptor (a close error cannot be acted on here) and takes `fd`.
-  void Reset(int fd = -1) {
+  void reset(int fd = -1) noexcept {
     if (fd_ >= 0)
       ::close(fd_);
     fd_ = fd;
   }
 
  private:
-  int fd_ = -1;
+  int fd_;
 };
 
 }  // namespace vesk
