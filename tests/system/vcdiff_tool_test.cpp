@@ -41,15 +41,6 @@ TEST_F(VcdiffToolTest, DecodesAStandardDeltaReplacingAnExistingOutputWhole) {
   EXPECT_EQ(ListTree(dir / "out"), std::vector<std::string>{"result"});
 }
 
-TEST_F(VcdiffToolTest, DecodesDeltasBetweenGzipFilesByteForByte) {
-  ASSERT_EQ(std::system(("gzip -n -c " + source + " > " + dir / "old.gz").c_str()), 0);
-  ASSERT_EQ(std::system(("gzip -n -c " + wanted + " > " + dir / "new.gz").c_str()), 0);
-  vesk::publish::MakeVcdiff(dir / "old.gz", dir / "new.gz", dir / "gz.vcdiff");
-  ASSERT_EQ(RunCommand({kTool, "decode", dir / "old.gz", dir / "got.gz", dir / "gz.vcdiff"}).status,
-            0);
-  EXPECT_EQ(ReadFile(dir / "got.gz"), ReadFile(dir / "new.gz"));
-}
-
 TEST_F(VcdiffToolTest, FailuresExitWithTheirStatusAndLeaveNoOutput) {
   WriteFile(dir / "other", Pseudorandom(300000, 8));
   WriteFile(dir / "bad.vcdiff", "\xd6\xc3\xc4\x00garbage that is no delta");

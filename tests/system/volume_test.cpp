@@ -75,6 +75,7 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
     findings.Expect(log.Contains("warning: volume_handler.cpp:45 Autoupdate set the new volume "
                                  "at '/volume2'."),
                     "no line for the chosen volume");
+    volume = "/volume2";
     service.update.UpdateAllProjects();
     findings.Equal(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst)), "", "db1 installed");
     Release("db2", 1);
@@ -110,6 +111,7 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
     service.config->SetCurVolume(volume);
     const std::string conf = local + "/data_update.conf";
     const auto store = std::make_shared<Config>(service.io);
+    const ServiceConfig view(store);  // points the store at data_update.conf
     store->Set("config", "note", std::string(3000, 'n'));
     const std::string before = ReadFile(conf);
     {
