@@ -169,8 +169,15 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
   const std::string odd = "odd\\name x.txt";  // kept escaped in the stored manifest
   repo.SetFile("db1", kV1, odd, "an odd name\n");
   PublishFirst();
+  sandbox.Write("/etc/machine-id", "0123456789abcdef0123456789abcdef\n");
   const Outcome update = Cli("update --all");
   EXPECT_EQ(update.status, 0) << update.err;
+  // The document is asked for with the machine's identity and every database, sorted.
+  EXPECT_EQ(repo.server().Requests().at(0),
+            "GET /repo/database_info/v1?os=vko&dlid=" +
+                Capture("printf %s 0123456789abcdef0123456789abcdef | sha256sum | cut -c1-64 | "
+                        "tr -d '\\n'") +
+                "&db_list[db1]=1&db_list[db2]=1&db_list[db3]=1");
   EXPECT_EQ(update.out, "db1: installed 20250601\ndb2: installed 20250601\n");
   EXPECT_EQ(update.err, "");  // not a terminal: no download noise
 
@@ -503,10 +510,15 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
 
   // A server that cannot be reached: 1, its one line, recorded.
   WriteServiceConfig("127.0.0.1:" + std::to_string(UnusedPort()) + "/repo", volume);
-  SetAge(sandbox.Path("/var/cache/data_update/database_info.json"), 7200);
+  const std::string cache = sandbox.Path("/var/cache/data_update/database_info.json");
+  const std::string cached = ReadFile(cache);
+  SetAge(cache, 7200);
   const Outcome o = Cli("update db1");
   EXPECT_EQ(o.status, 1);
   EXPECT_EQ(o.out, "");
+  // The last good document is kept, still stale, so the next run asks again.
+  EXPECT_EQ(ReadFile(cache), cached);
+  EXPECT_LT(fs::last_write_time(cache), std::time(nullptr) - 3600);
   EXPECT_EQ(o.err.rfind("veskdbud: Fail to wget url: http://127.0.0.1:", 0), 0u) << o.err;
   EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << o.err;
   const Json::Value last = Entry(Status(), "db1")["last_result"];

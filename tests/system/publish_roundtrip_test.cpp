@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
-#include <fstream>
 #include <tuple>
 
 #include "dataupdate/io_utils.h"
@@ -15,7 +14,6 @@
 #include "repo_fixture.h"
 #include "signing.h"
 #include "vesk/archive.h"
-#include "vesk_internal/envelope.h"
 
 using namespace vesk::test;
 using vesk::dataupdate::DiffInfo;
@@ -29,22 +27,15 @@ const std::string kPublish = VESKDBUD_PUBLISH_BIN;
 
 class PublishRoundTripTest : public ::testing::Test {
  protected:
-  // docs: nested files, one created then deleted, one changed twice; geo: one file.
+  // Two databases over three versions, each changed a little from the one before.
   void SetUp() override {
     const std::string text = Pseudorandom(30000, 1);
-    const std::string blob = Pseudorandom(60000, 2);
-    WriteFile(src + "/docs/1/a.txt", text);
-    WriteFile(src + "/docs/1/dir/sub/b.bin", blob);
-    WriteFile(src + "/docs/2/a.txt", text);
-    WriteFile(src + "/docs/2/dir/sub/b.bin", blob.substr(0, 30000) + "second" + blob.substr(30000));
-    WriteFile(src + "/docs/2/dir/tmp.txt", "here for one version\n");
-    WriteFile(src + "/docs/3/a.txt", text.substr(0, 10000) + "third" + text.substr(10000));
-    WriteFile(src + "/docs/3/dir/sub/b.bin", ReadFile(src + "/docs/2/dir/sub/b.bin") + "third");
-    for (int v = 1; v <= 3; ++v)
-      WriteFile(src + "/geo/" + std::to_string(v) + "/places.bin", blob + std::to_string(v));
+    for (int v = 1; v <= 3; ++v) {
+      WriteFile(src + "/docs/" + std::to_string(v) + "/dir/a.txt", text + std::to_string(v));
+      WriteFile(src + "/geo/" + std::to_string(v) + "/places.bin", std::to_string(v) + text);
+    }
     const CommandResult k = RunCommand({kPublish, "keygen", "--out", keys});
     ASSERT_EQ(k.status, 0) << k.err;
-    key_id = k.out.substr(7, 64);
     WriteFile(root / "usr/vesk/etc/keys/6/vendor.pem", ReadFile(keys + "/public.pem"));
   }
 
@@ -79,76 +70,38 @@ class PublishRoundTripTest : public ::testing::Test {
     return binding;
   }
 
-  // The binding a package of version `v` of `id` must carry (from < 0: full).
-  Json::Value Binding(const std::string& id, int v, int from) {
-    Json::Value b;
-    b["database"] = id;
-    b["version"] = v;
-    b["kind"] = from < 0 ? "full" : "diff";
-    if (from >= 0)
-      b["from"] = from;
-    b["manifest"] = Json::Value(Json::objectValue);
-    const std::string dir = src + "/" + id + "/" + std::to_string(v);
-    for (const std::string& name : ListTree(dir)) {
-      if (!fs::is_regular_file(dir + "/" + name))
-        continue;
-      std::ifstream in(dir + "/" + name, std::ios::binary);
-      b["manifest"][name]["sha384"] = vesk::dataupdate::GetSha384(in);
-      b["manifest"][name]["size"] = static_cast<Json::UInt64>(fs::file_size(dir + "/" + name));
-    }
-    return b;
-  }
-
   TempDir root;
   ScopedEnv env{"VESKDBUD_ROOT", root.path().c_str()};
   TempDir work;
   std::string src = work / "src";
   std::string keys = work / "keys";
   std::string repo = work / "repo";
-  std::string key_id;
 };
 
 }  // namespace
 
-TEST_F(PublishRoundTripTest, PackagesHoldEveryVersionTheirDiffsAreAnnouncedAndOutputIsStable) {
+// Every version's whole package and each diff, announced with its size; the
+// same source published again gives the same bytes.
+TEST_F(PublishRoundTripTest, EveryVersionAndDiffIsAnnouncedAndPublishingAgainGivesTheSameBytes) {
   const CommandResult r = Publish(repo, "http://packages.example/db/");
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");  // no digits of a version in the link: no warning
   const Json::Value doc = Document(repo);
   ASSERT_EQ(doc["db_list"].getMemberNames(), (std::vector<std::string>{"docs", "geo"}));
   for (const std::string id : {"docs", "geo"}) {
-    const RemoteInfo remote = RemoteInfo::FromJson(doc["db_list"][id]);
-    EXPECT_EQ(remote.data_version, 3);
-    EXPECT_EQ(remote.download_link, "http://packages.example/db/" + id + "/v3/full.pkg");
-    for (int v = 1; v <= 3; ++v) {
-      const std::string pkg = repo + "/" + id + "/v" + std::to_string(v) + "/full.pkg";
-      const std::string dir = work / ("full-" + id + std::to_string(v));
-      EXPECT_EQ(Extract(pkg, dir).toStyledString(), Binding(id, v, -1).toStyledString());
-      EXPECT_EQ(Snapshot(dir), Snapshot(src + "/" + id + "/" + std::to_string(v)));
-      // The envelope names the key that keygen printed.
-      const std::string bytes = ReadFile(pkg);
-      const size_t trailer =
-          vesk::envelope::kHeaderSize +
-          vesk::envelope::GetBig(reinterpret_cast<const std::uint8_t*>(bytes.data()) + 8, 8);
-      std::string hex;
-      for (unsigned char c : bytes.substr(trailer + vesk::envelope::kKeyIdOffset, 32))
-        hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
-      EXPECT_EQ(hex, key_id);
-    }
+    EXPECT_EQ(RemoteInfo::FromJson(doc["db_list"][id]).download_link,
+              "http://packages.example/db/" + id + "/v3/full.pkg");
     const std::map<int, DiffInfo> diffs = DiffInfo::BatchFromJson(doc["db_list"][id]["diff_files"]);
     ASSERT_EQ(diffs.size(), 2u) << id;
     for (const auto& [version, diff] : diffs) {
       const std::string rel = "/" + id + "/v" + std::to_string(version) + "/diff.pkg";
       EXPECT_EQ(diff.download_link, "http://packages.example/db" + rel);
       EXPECT_EQ(static_cast<std::uint64_t>(diff.file_size), fs::file_size(repo + rel));
-      EXPECT_EQ(Extract(repo + rel, work / "diff").toStyledString(),
-                Binding(id, version, version - 1).toStyledString());
     }
   }
-  // Published again: the same bytes (the document, its signature, 6 full and 4 diff packages).
   ASSERT_EQ(Publish(work / "again", "http://packages.example/db/").status, 0);
   EXPECT_EQ(Snapshot(work / "again"), Snapshot(repo));
-  EXPECT_EQ(Snapshot(repo).size(), 12u);
+  EXPECT_EQ(Snapshot(repo).size(), 12u);  // the document, its signature, 6 full and 4 diff packages
 }
 
 TEST_F(PublishRoundTripTest, OptionsShapeTheDocumentAndWarnOfLinkDigitsThatCollide) {
