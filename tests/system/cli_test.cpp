@@ -291,6 +291,7 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
   EXPECT_EQ(db["last_result"]["version_after"].asInt(), kV3);
   EXPECT_EQ(db["last_result"]["outcome"].asString(), "updated");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV3)), "");
+  EXPECT_EQ(Cli("force-install db1 0").out, "db1: installed 20250603 (forced; was 20250603)\n");
 
   // The last volume leaves: no volume; one mounted again is adopted.
   EXPECT_EQ(Cli("volume unmount " + second, "VESK_VOLUMES=" + second).status, 4);
@@ -582,12 +583,14 @@ TEST_F(CliTest, IsUpdatingFollowsTheLocksAndRunLockedHoldsTheReadLock) {
   EXPECT_EQ(Cli("run-locked db1 -- /nonexistent/program").status, 127);
   EXPECT_EQ(Cli("run-locked db1 --timeout=0 -- echo hello").out, "hello\n");
 
-  // The reader copies the file, says it holds the lock, waits 2 s, copies it again.
+  // The reader copies the file, says it holds the lock, waits 2 s, copies it
+  // again and asks whether db1 is updating.
   PublishSecondAndThird();
   const std::string file = ShellQuote(Installed("db1") + "/readme.txt");
   const std::string reader = "cat " + file + " >" + ShellQuote(io / "first") + "; touch " +
                              ShellQuote(io / "holding") + "; sleep 2; cat " + file + " >" +
-                             ShellQuote(io / "second") + "; exit 7";
+                             ShellQuote(io / "second") + "; " + ShellQuote(Tool()) +
+                             " is-updating db1 >" + ShellQuote(io / "during") + "; exit 7";
   std::thread background([&] {
     Shell(ShellQuote(Tool()) + " run-locked db1 -- sh -c " + ShellQuote(reader) + "; echo $? >" +
           ShellQuote(io / "reader_status"));
@@ -601,6 +604,7 @@ TEST_F(CliTest, IsUpdatingFollowsTheLocksAndRunLockedHoldsTheReadLock) {
   EXPECT_GE(update.seconds, 1.5);  // it waited for the reader to finish
   EXPECT_EQ(ReadFile(io / "reader_status"), "7\n");
   EXPECT_EQ(ReadFile(io / "second"), ReadFile(io / "first"));  // not replaced under the reader
+  EXPECT_EQ(ReadFile(io / "during"), "db1: updating\n");       // the waiting update holds its locks
   EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 release two\n");
 }
 

@@ -27,12 +27,12 @@ const std::string kPublish = VESKDBUD_PUBLISH_BIN;
 
 class PublishRoundTripTest : public ::testing::Test {
  protected:
-  // Two databases over three versions, each changed a little from the one before.
+  // docs at versions 1 to 3, geo at 0 to 2, each changed a little from the one before.
   void SetUp() override {
     const std::string text = Pseudorandom(30000, 1);
     for (int v = 1; v <= 3; ++v) {
       WriteFile(src + "/docs/" + std::to_string(v) + "/dir/a.txt", text + std::to_string(v));
-      WriteFile(src + "/geo/" + std::to_string(v) + "/places.bin", std::to_string(v) + text);
+      WriteFile(src + "/geo/" + std::to_string(v - 1) + "/places.bin", std::to_string(v) + text);
     }
     const CommandResult k = RunCommand({kPublish, "keygen", "--out", keys});
     ASSERT_EQ(k.status, 0) << k.err;
@@ -90,7 +90,7 @@ TEST_F(PublishRoundTripTest, EveryVersionAndDiffIsAnnouncedAndPublishingAgainGiv
   ASSERT_EQ(doc["db_list"].getMemberNames(), (std::vector<std::string>{"docs", "geo"}));
   for (const std::string id : {"docs", "geo"}) {
     EXPECT_EQ(RemoteInfo::FromJson(doc["db_list"][id]).download_link,
-              "http://packages.example/db/" + id + "/v3/full.pkg");
+              "http://packages.example/db/" + id + (id == "geo" ? "/v2" : "/v3") + "/full.pkg");
     const std::map<int, DiffInfo> diffs = DiffInfo::BatchFromJson(doc["db_list"][id]["diff_files"]);
     ASSERT_EQ(diffs.size(), 2u) << id;
     for (const auto& [version, diff] : diffs) {
@@ -99,6 +99,8 @@ TEST_F(PublishRoundTripTest, EveryVersionAndDiffIsAnnouncedAndPublishingAgainGiv
       EXPECT_EQ(static_cast<std::uint64_t>(diff.file_size), fs::file_size(repo + rel));
     }
   }
+  const Json::Value from_zero = Extract(repo + "/geo/v1/diff.pkg", work / "diff");
+  EXPECT_EQ(from_zero["kind"].asString() + from_zero["from"].toStyledString(), "diff0\n");
   ASSERT_EQ(Publish(work / "again", "http://packages.example/db/").status, 0);
   EXPECT_EQ(Snapshot(work / "again"), Snapshot(repo));
   EXPECT_EQ(Snapshot(repo).size(), 12u);  // the document, its signature, 6 full and 4 diff packages
