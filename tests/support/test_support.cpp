@@ -133,8 +133,7 @@ HttpServer::HttpServer(const std::string& dir)
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
-  const std::string python =
-      access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
+  const std::string python = access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
   const std::string script = SupportFile("http_server.py");
   pid_ = fork();
   if (pid_ < 0)

@@ -687,37 +687,4 @@ TEST_F(CliTest, MetricsFileFollowsEachRunCountsDownloadsAndParses) {
     EXPECT_EQ(entry.path().filename().string().find(".tmp"), std::string::npos) << entry.path();
 }
 
-TEST(CliInstall, InstallsTheUnitsAndExamplesTheToolRunsWith) {
-  const std::string units = Prefix() + "/lib/systemd/system/";
-  const std::string init = ReadFile(units + "veskdbud-init.service");
-  EXPECT_NE(init.find("/bin/veskdbud init\n"), std::string::npos) << init;
-  EXPECT_NE(init.find("WantedBy=multi-user.target"), std::string::npos);
-  const std::string service = ReadFile(units + "veskdbud-update.service");
-  EXPECT_NE(service.find("Type=oneshot"), std::string::npos);
-  EXPECT_NE(service.find("/bin/veskdbud update --all\n"), std::string::npos) << service;
-  const std::string timer = ReadFile(units + "veskdbud-update.timer");
-  for (const char* key : {"OnCalendar=daily", "RandomizedDelaySec=", "Persistent=true"})
-    EXPECT_NE(timer.find(key), std::string::npos) << key;
-
-  // The shared library, not a copy of it, serves the tool.
-  EXPECT_NE(
-      Capture("objdump -p " + ShellQuote(Tool())).find("NEEDED               libveskdbud.so.0"),
-      std::string::npos);
-
-  // The examples are a working default configuration with no volume chosen yet.
-  Sandbox sandbox;
-  const std::string examples = Prefix() + "/share/data_update/";
-  for (const char* name : {"data_update.conf", "databases.conf"})
-    sandbox.Write(std::string("/usr/share/data_update/") + name, ReadFile(examples + name));
-  const Json::Value config = ParseJson(ReadFile(examples + "data_update.conf"))["config"];
-  for (const char* key : {"download_scheme", "db_netloc", "db_ver"})
-    EXPECT_FALSE(config[key].asString().empty()) << key;
-  EXPECT_EQ(config["cur_volume"], Json::Value(""));
-  const Json::Value status = ParseJson(Capture(ShellQuote(Tool()) + " status --json"));
-  EXPECT_TRUE(status["volume"].isNull());
-  ASSERT_EQ(status["databases"].size(), 2u);
-  for (const Json::Value& db : status["databases"])
-    EXPECT_TRUE(db["installed_version"].isNull()) << db["id"].asString();
-}
-
 }  // namespace
