@@ -451,36 +451,26 @@ TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused)
 
 TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   const std::string unknown = "veskdbud: unknown database 'nosuch' (configured: db1, db2, db3)\n";
-  const std::pair<const char*, int> cases[] = {
-      {"update nosuch", 3},
-      {"fix nosuch", 3},
-      {"force-install nosuch", 3},
-      {"status nosuch", 3},
-      {"is-updating nosuch", 3},
-      {"run-locked nosuch -- true", 3},
-      {"", 2},
-      {"bogus", 2},
-      {"update --bogus", 2},
-      {"update db1 --all", 2},
-      {"update db1 db2", 2},
-      {"volume sideways /x", 2},
-      {"volume mount", 2},
-      {"run-locked db1", 2},
-      {"run-locked db1 --timeout soon -- true", 2},
-      {"force-install", 2},
-      {"force-install db1 two", 2},
-      {"status --json --timeout 3", 2},
-      {"status --json --metrics", 2},
+  const std::vector<std::pair<int, std::vector<std::string>>> cases{
+      {3,
+       {"update nosuch", "fix nosuch", "force-install nosuch", "status nosuch",
+        "is-updating nosuch", "run-locked nosuch -- true"}},
+      {2,
+       {"", "bogus", "update --bogus", "update db1 --all", "update db1 db2", "volume sideways /x",
+        "volume mount", "run-locked db1", "run-locked db1 --timeout soon -- true", "force-install",
+        "force-install db1 two", "status --json --timeout 3", "status --json --metrics"}},
   };
-  for (const auto& [args, status] : cases) {
-    const Outcome o = Cli(args);
-    EXPECT_EQ(o.status, status) << args;
-    EXPECT_EQ(o.out, "") << args;
-    if (status == 3) {
-      EXPECT_EQ(o.err, unknown) << args;
+  for (const auto& [status, all_args] : cases) {
+    for (const std::string& args : all_args) {
+      const Outcome o = Cli(args);
+      EXPECT_EQ(o.status, status) << args;
+      EXPECT_EQ(o.out, "") << args;
+      if (status == 3) {
+        EXPECT_EQ(o.err, unknown) << args;
+      }
+      EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << args << ": " << o.err;
+      EXPECT_EQ(o.err.rfind("veskdbud: ", 0), 0u) << o.err;
     }
-    EXPECT_EQ(std::count(o.err.begin(), o.err.end(), '\n'), 1) << args << ": " << o.err;
-    EXPECT_EQ(o.err.rfind("veskdbud: ", 0), 0u) << o.err;
   }
   for (const char* command : {"init", "update", "fix", "force-install", "status", "is-updating",
                               "volume", "run-locked"}) {
