@@ -46,13 +46,6 @@ class ServiceTest : public ::testing::Test {
     }
     return status;
   }
-  // Requests the server answered whose path contains `needle`.
-  size_t Requests(const std::string& needle) const {
-    size_t count = 0;
-    for (const auto& line : repo.server().Requests())
-      count += line.find(needle) != std::string::npos ? 1 : 0;
-    return count;
-  }
   // Version `kFirst + n` of `id`: a text file naming the release, 32 KiB that
   // do not compress with one byte changed per release (so the diff package is
   // far smaller than the full one and is announced), and a growing SQLite table.
