@@ -1,4 +1,5 @@
 # Thin wrapper over CMake: make demo | make test | make bench | make install | make deb.
+# Outside make test: make stress (the soak) | make deb-test (the packages, checked).
 # Checks (docs/development.md): make test-sanitize | make tidy | make format-check | make fuzz.
 BUILD   ?= build
 PREFIX  ?= /usr/local
@@ -10,7 +11,7 @@ FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 30
 
 .PHONY: all deps configure build test demo install bench format clean test-sanitize \
-        tidy format-check fuzz deb
+        tidy format-check fuzz deb stress deb-test
 
 all: build
 
@@ -27,6 +28,13 @@ build: configure
 test: deps
 	@$(MAKE) --no-print-directory build
 	@cd $(BUILD) && ctest --output-on-failure -j$(JOBS) --timeout 600
+
+# Eight processes on three databases for STRESS_SECONDS (bench/stress.cpp).
+STRESS_SECONDS ?= 120
+stress: deps
+	@$(MAKE) --no-print-directory configure
+	@cmake --build $(BUILD) -j$(JOBS) --target stress_soak
+	@VESKDBUD_STRESS_SECONDS=$(STRESS_SECONDS) $(BUILD)/tests/stress_soak
 
 # The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, in $(SAN_BUILD).
 test-sanitize: deps
@@ -51,6 +59,10 @@ install: build
 # The Debian packages, built by dpkg-buildpackage from debian/ into $(BUILD)/deb/.
 deb: deps
 	@scripts/build-deb $(BUILD)/deb-src $(BUILD)/deb
+
+# The packages of make deb extracted, run, compared with make install, and linted.
+deb-test: deb
+	@tests/system/deb_test.sh $(CURDIR) $(BUILD)
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i

@@ -121,12 +121,6 @@ class Findings {
   std::string path_;
 };
 
-// Thrown by a body of InMountNamespace when the machine lacks what it needs
-// (a loop device, a file system driver): the test is skipped with the reason.
-struct MachineLacks : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 // Runs `body` in a forked child inside a private mount namespace, so that
 // nothing it mounts reaches the host, and turns its findings into failures.
 // Skips without root or where such namespaces are not permitted.

@@ -1,15 +1,6 @@
-// The service front as its callers wire it (IOUtils, Config, ServiceConfig,
-// InfoGetter, Updater, Update, Checker, VolumeHandler), over a sandbox whose
-// configuration points at a repository published by veskdbud-publish.
-//
-// Data versions are seven-digit numbers from kFirst on. A forced install
-// derives another version's link by rewriting every occurrence of the current
-// version's digits, so those digits must occur nowhere else in the link:
-// "http://127.0.0.1:<port>/repo/<id>/v<version>/full.pkg" holds at most five
-// digits in a row outside the version (the port), so a seven-digit version
-// cannot collide with them, while 1, 2 or 3 could match the host, the port or
-// an id such as "db1". The publisher takes any decimal versions, consecutive
-// ones giving the diff chain.
+// The service front as its callers wire it, over a sandbox whose configuration
+// points at a repository published by veskdbud-publish. Versions have seven
+// digits, more than the port: a forced install rewrites them in the link.
 #pragma once
 
 #include <json/reader.h>
@@ -54,13 +45,6 @@ class ServiceTest : public ::testing::Test {
       EXPECT_TRUE(Json::Reader().parse(ReadFile(StatusPath(id)), status));
     }
     return status;
-  }
-  // Requests the server answered whose path contains `needle`.
-  size_t Requests(const std::string& needle) const {
-    size_t count = 0;
-    for (const auto& line : repo.server().Requests())
-      count += line.find(needle) != std::string::npos ? 1 : 0;
-    return count;
   }
   // Version `kFirst + n` of `id`: a text file naming the release, 32 KiB that
   // do not compress with one byte changed per release (so the diff package is

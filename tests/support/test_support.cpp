@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdio>
 #include <cstdlib>
@@ -39,19 +40,17 @@ ScopedEnv::ScopedEnv(const std::string& name, const char* value) : name_(name) {
   had_old_ = old != nullptr;
   if (had_old_)
     old_ = old;
-  if (value != nullptr) {
+  if (value != nullptr)
     setenv(name.c_str(), value, 1);
-  } else {
+  else
     unsetenv(name.c_str());
-  }
 }
 
 ScopedEnv::~ScopedEnv() {
-  if (had_old_) {
+  if (had_old_)
     setenv(name_.c_str(), old_.c_str(), 1);
-  } else {
+  else
     unsetenv(name_.c_str());
-  }
 }
 
 LogCapture::LogCapture()
@@ -60,27 +59,22 @@ LogCapture::LogCapture()
 std::vector<std::string> LogCapture::Lines() const {
   std::vector<std::string> lines;
   std::ifstream in(path_);
-  std::string line;
-  while (std::getline(in, line))
+  for (std::string line; std::getline(in, line);)
     lines.push_back(line);
   return lines;
 }
 
 std::vector<std::string> LogCapture::Matching(const std::string& needle) const {
   std::vector<std::string> found;
-  for (const auto& line : Lines()) {
+  for (const auto& line : Lines())
     if (line.find(needle) != std::string::npos)
       found.push_back(line);
-  }
   return found;
 }
 
 bool LogCapture::Contains(const std::string& line) const {
-  for (const auto& l : Lines()) {
-    if (l == line)
-      return true;
-  }
-  return false;
+  const auto lines = Lines();
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 void LogCapture::Clear() const {
@@ -134,20 +128,12 @@ std::string SupportFile(const std::string& name) {
   return std::string(VESKDBUD_TEST_SUPPORT_DIR) + "/" + name;
 }
 
-namespace {
-
-std::string Python() {
-  return access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
-}
-
-}  // namespace
-
 HttpServer::HttpServer(const std::string& dir)
     : log_path_(log_dir_ / "requests.log"), faults_path_(log_dir_ / "faults.json") {
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
-  const std::string python = Python();
+  const std::string python = access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
   const std::string script = SupportFile("http_server.py");
   pid_ = fork();
   if (pid_ < 0)
@@ -190,8 +176,7 @@ std::string HttpServer::url(const std::string& path) const {
 std::vector<std::string> HttpServer::Requests() const {
   std::vector<std::string> lines;
   std::ifstream in(log_path_);
-  std::string line;
-  while (std::getline(in, line))
+  for (std::string line; std::getline(in, line);)
     lines.push_back(line);
   return lines;
 }

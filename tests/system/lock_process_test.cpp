@@ -1,10 +1,6 @@
 // Lock files between real processes: the time limits of FileLock and of the
 // exported reader lock, readers sharing, writers and readers waiting for each
-// other, the documented lock order running without deadlock, and
-// configuration writers serialised by "/run/data_update/config.lock".
-#include <fcntl.h>
-#include <unistd.h>
-
+// other, and configuration writers serialised by "/run/data_update/config.lock".
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -111,33 +107,6 @@ TEST_F(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) 
       holder.Send('R');
     EXPECT_EQ(holder.Wait(), 0);
   }
-}
-
-TEST_F(LockProcessTest, ProcessesTakingLocksInTheDocumentedOrderDoNotDeadlock) {
-  // update_any, then update_<id>, then fresh_info; released in reverse. Each
-  // process also checks that nobody else is inside while it holds all three.
-  const std::string any = sandbox.Path("/run/data_update/update_any.lock");
-  const std::string one = sandbox.Path("/run/data_update/update_db1.lock");
-  const std::string fresh = sandbox.Path("/run/data_update/fresh_info.lock");
-  const std::string inside = sandbox.Path("/run/data_update/inside");
-  auto run = [&](const ForkedChild::Channel&) {
-    for (int round = 0; round < 20; ++round) {
-      FileLock first(any, 10);
-      FileLock second(one, 10);
-      FileLock third(fresh, 10);
-      const int marker = open(inside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-      if (marker < 0)
-        return 2;  // someone else holds the same locks
-      close(marker);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      unlink(inside.c_str());
-    }
-    return 0;
-  };
-  ForkedChild a(run);
-  ForkedChild b(run);
-  EXPECT_EQ(a.Wait(std::chrono::seconds(60)), 0);
-  EXPECT_EQ(b.Wait(std::chrono::seconds(60)), 0);
 }
 
 TEST_F(LockProcessTest, ConcurrentConfigWritersLoseNoKey) {

@@ -1,8 +1,8 @@
-// Eight processes on three databases for VESKDBUD_STRESS_SECONDS (120 by
-// default): updaters, a forced installer, a repairer, a checker and three
-// readers under the read lock, who must always see whole releases and whole
-// status files. No process may hang; one update afterwards brings the last
-// release.
+// The soak of `make stress`: eight processes on three databases for
+// VESKDBUD_STRESS_SECONDS (120 by default): updaters, a forced installer, a
+// repairer, a checker and three readers under the read lock, who must always
+// see whole releases and whole status files. No process may hang; one update
+// afterwards brings the last release.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <unistd.h>
