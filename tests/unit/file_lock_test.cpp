@@ -86,6 +86,8 @@ TEST(ProjectLock, ReadersShareADescriptorAndEveryOtherCaseIsMinusTwoAndLogged) {
   const auto lock_path = [&](const std::string& id) {
     return sandbox.Path("/run/data_update/using_" + id + ".lock");
   };
+  { FileLock writer(lock_path("nope"), 0); }  // the directory exists: only the file is missing
+  { FileLock writer(lock_path("db1"), 0); }
   LogCapture log;
   EXPECT_EQ(VESKDBUDGetFileLock("db2", 0), -2);
   EXPECT_EQ(log.Lines(), (std::vector<std::string>{"err: project_lock.cpp:55 Failed to open lock "
@@ -93,8 +95,6 @@ TEST(ProjectLock, ReadersShareADescriptorAndEveryOtherCaseIsMinusTwoAndLogged) {
                                                    lock_path("db2")}));
   EXPECT_FALSE(Exists(lock_path("db2"))) << "a reader never creates the lock file";
 
-  { FileLock writer(lock_path("nope"), 0); }
-  { FileLock writer(lock_path("db1"), 0); }
   log.Clear();
   EXPECT_EQ(VESKDBUDGetFileLock("nope", 0), -2);
   EXPECT_EQ(log.Lines(), (std::vector<std::string>{

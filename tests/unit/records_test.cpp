@@ -76,8 +76,7 @@ TEST(Records, VersionsAreTextsAndTheFirstDuplicateDiffWins) {
             (std::map<int, DiffInfo>{{3, DiffInfo("padded", 2)}, {10, DiffInfo("ten", 10)}}));
 }
 
-// The update compares the recorded status with the one it computes: every
-// field counts, and digests are compared byte for byte.
+// The update compares statuses: every field counts, digests byte for byte.
 TEST(Records, StatusEqualityComparesEveryFieldAndEveryDigestExactly) {
   const DatabaseStatus a{1, 2, {{"f", {"ab"}}}};
   EXPECT_FALSE(a != DatabaseStatus(a));
