@@ -53,7 +53,8 @@ std::vector<std::string> Answers(const Config& config, const std::vector<std::st
   std::vector<std::string> answers;
   for (const std::string& s : sections) {
     for (const std::string& k : keys) {
-      const std::string where = s + ":" + k;
+      std::string where = s;
+      where.append(":").append(k);
       answers.push_back(Answer("Get " + where, [&] { return "\"" + config.Get(s, k) + "\""; }));
       answers.push_back(
           Answer("GetAsUInt64 " + where, [&] { return std::to_string(config.GetAsUInt64(s, k)); }));
