@@ -8,41 +8,30 @@
 // keeps the input as a crash and the replay test fails.
 #pragma once
 
-#include <fcntl.h>
 #include <json/reader.h>
 #include <json/value.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 namespace vesk::fuzz {
 
-// `text` with every byte outside printable ASCII (NUL included) as \xNN.
-inline std::string Printable(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
-      out += c;
-    } else {
-      char escaped[5];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-      out += escaped;
-    }
-  }
-  return out;
-}
-
 // Reports a finding and ends the process; the message may hold any bytes (names
 // taken from the input), which are printed escaped.
 [[noreturn]] inline void Fail(const std::string& what) {
-  std::fprintf(stderr, "fuzz finding: %s\n", Printable(what).c_str());
+  std::string shown;  // printable ASCII, anything else as \xNN
+  for (const char c : what) {
+    char escaped[5];
+    std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
+    shown += c >= 0x20 && c < 0x7f && c != '\\' ? std::string(1, c) : std::string(escaped);
+  }
+  std::fprintf(stderr, "fuzz finding: %s\n", shown.c_str());
   std::fflush(stderr);
   std::abort();
 }
@@ -63,21 +52,11 @@ inline bool ParseJson(const std::string& text, Json::Value* root) {
   }
 }
 
-// Writes `bytes` as the whole content of `path` (created 0600 when missing).
+// Writes `bytes` as the whole content of `path`.
 inline void WriteBytes(const std::string& path, const std::string& bytes) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0)
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush())
     Fail("cannot write " + path);
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n <= 0) {
-      close(fd);
-      Fail("short write to " + path);
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  close(fd);
 }
 
 // A private directory below $TMPDIR (or /tmp) for the life of the process: made

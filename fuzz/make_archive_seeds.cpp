@@ -1,13 +1,8 @@
-// Writes the seed inputs of the archive harnesses, made with the tests' package
-// crafting (libarchive's writer) and the publisher's signing code:
-//   fuzz_make_archive_seeds FUZZ_DIR
-// FUZZ_DIR/corpus/archive_tar/{valid,refused}/: an options byte (archive_check.h)
-// then a tar archive; FUZZ_DIR/corpus/archive_package/{valid,refused}/: whole
-// package files signed with the fuzzing key. What is under valid/ must extract
-// (unit.Fuzz.<name>.ValidSeedsExtract); what is under refused/ must be refused,
-// which the harnesses' own checks enforce for every hostile entry.
-// Built with the tests; run by hand when the seeds are to change. A gzip header
-// holds the time it was written, so rewritten .gz seeds differ in those bytes.
+// Writes the archive harnesses' seeds (run by hand: fuzz_make_archive_seeds FUZZ_DIR):
+// corpus/archive_tar/{valid,refused}/ (an options byte, then a tar archive) and
+// corpus/archive_package/{valid,refused}/ (packages signed with the fuzzing key).
+// The replays make every valid seed extract and every refused one fail. A gzip
+// header holds the time it was written, so rewritten .gz seeds differ there.
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdio>
@@ -25,23 +20,17 @@ namespace {
 namespace fs = boost::filesystem;
 namespace archive = vesk::fuzz::archive;
 namespace publish = vesk::publish;
-using vesk::test::Compression;
-using vesk::test::CraftEntry;
-using vesk::test::DirEntry;
-using vesk::test::FileEntry;
-using vesk::test::HardlinkEntry;
-using vesk::test::SpecialEntry;
-using vesk::test::SymlinkEntry;
+using namespace vesk::test;
 
 constexpr size_t kBlock = 512;
 
 // The archive's bytes; an uncompressed one loses the padding libarchive's writer
 // adds after the end marker, so that the fuzzer works on small inputs.
 std::string Tar(const std::vector<CraftEntry>& entries, Compression compression,
-                const vesk::test::TempDir& work) {
+                const TempDir& work) {
   const std::string path = work / "seed.tar";
-  vesk::test::WriteTarball(path, entries, compression);
-  std::string bytes = vesk::test::ReadFile(path);
+  WriteTarball(path, entries, compression);
+  std::string bytes = ReadFile(path);
   if (compression == Compression::kNone) {
     while (bytes.size() >= kBlock &&
            std::all_of(bytes.end() - kBlock, bytes.end(), [](char c) { return c == '\0'; }))
@@ -51,48 +40,23 @@ std::string Tar(const std::vector<CraftEntry>& entries, Compression compression,
   return bytes;
 }
 
-std::string Sign(const std::string& tar, EVP_PKEY* key, int key_type,
-                 const vesk::test::TempDir& work) {
-  vesk::test::WriteFile(work / "sign.tar", tar);
+std::string Sign(const std::string& tar, EVP_PKEY* key, int key_type, const TempDir& work) {
+  WriteFile(work / "sign.tar", tar);
   publish::SignArchive(work / "sign.tar", work / "sign.pkg", key, static_cast<uint32_t>(key_type));
-  return vesk::test::ReadFile(work / "sign.pkg");
+  return ReadFile(work / "sign.pkg");
 }
 
 archive::Options Opts(bool overwrite, bool prefilled = false, bool select_first = false,
                       bool select_missing = false) {
-  archive::Options o;
-  o.overwrite = overwrite;
-  o.prefilled = prefilled;
-  o.select_first = select_first;
-  o.select_missing = select_missing;
-  return o;
+  return {overwrite, prefilled, select_first, select_missing};
 }
 
-class Seeds {
- public:
-  explicit Seeds(const std::string& fuzz_dir) : dir_(fuzz_dir + "/corpus") {}
-
-  void TarSeed(const std::string& kind, const std::string& name, const archive::Options& options,
-               const std::string& tar) {
-    Write("archive_tar/" + kind + "/" + name,
-          std::string(1, static_cast<char>(archive::ByteFromOptions(options))) + tar);
-  }
-  void PackageSeed(const std::string& kind, const std::string& name, const std::string& package) {
-    Write("archive_package/" + kind + "/" + name, package);
-  }
-  int written() const { return written_; }
-
- private:
-  void Write(const std::string& relative, const std::string& bytes) {
-    const std::string path = dir_ + "/" + relative;
-    fs::create_directories(fs::path(path).parent_path());
-    vesk::test::WriteFile(path, bytes);
-    ++written_;
-  }
-
-  std::string dir_;
-  int written_ = 0;
-};
+// Writes `bytes` as FUZZ_DIR/corpus/<relative>.
+void Write(const std::string& fuzz_dir, const std::string& relative, const std::string& bytes) {
+  const std::string path = fuzz_dir + "/corpus/" + relative;
+  fs::create_directories(fs::path(path).parent_path());
+  WriteFile(path, bytes);
+}
 
 }  // namespace
 
@@ -101,8 +65,17 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s FUZZ_DIR\n", argv[0]);
     return 2;
   }
-  Seeds seeds(argv[1]);
-  vesk::test::TempDir work;
+  const std::string fuzz_dir = argv[1];
+  const auto tar_seed = [&](const std::string& kind, const std::string& name,
+                            const archive::Options& options, const std::string& tar_bytes) {
+    Write(fuzz_dir, "archive_tar/" + kind + "/" + name,
+          std::string(1, static_cast<char>(archive::ByteFromOptions(options))) + tar_bytes);
+  };
+  const auto package_seed = [&](const std::string& kind, const std::string& name,
+                                const std::string& package) {
+    Write(fuzz_dir, "archive_package/" + kind + "/" + name, package);
+  };
+  TempDir work;
   const vesk::EvpPkeyPtr key = archive::SigningKey();
   const auto tar = [&](const std::vector<CraftEntry>& entries,
                        Compression compression = Compression::kNone) {
@@ -114,41 +87,41 @@ int main(int argc, char** argv) {
       tar({DirEntry("db"), FileEntry("db/main.sqlite", "SQLite format 3"),
            FileEntry("db/sub/notes.txt", "notes\n"), SymlinkEntry("db/current", "main.sqlite"),
            SymlinkEntry("latest", "db/sub"), FileEntry("./version", "7\n")});
-  seeds.TarSeed("valid", "files_dirs_links.tar", Opts(true), tree);
+  tar_seed("valid", "files_dirs_links.tar", Opts(true), tree);
   const std::vector<CraftEntry> small = {FileEntry("a.txt", "alpha"), DirEntry("b"),
                                          FileEntry("b/c.txt", "gamma")};
-  seeds.TarSeed("valid", "gzip.tar.gz", Opts(true), tar(small, Compression::kGzip));
-  seeds.TarSeed("valid", "xz.tar.xz", Opts(false), tar(small, Compression::kXz));
-  seeds.TarSeed("valid", "zstd.tar.zst", Opts(true), tar(small, Compression::kZstd));
+  tar_seed("valid", "gzip.tar.gz", Opts(true), tar(small, Compression::kGzip));
+  tar_seed("valid", "xz.tar.xz", Opts(false), tar(small, Compression::kXz));
+  tar_seed("valid", "zstd.tar.zst", Opts(true), tar(small, Compression::kZstd));
   const std::string long_dir = std::string(60, 'd') + "/" + std::string(70, 'e');
-  seeds.TarSeed("valid", "long_names_and_link.tar", Opts(false),
-                tar({FileEntry(long_dir + "/" + std::string(90, 'f'), "deep"),
-                     SymlinkEntry("shortcut", long_dir + "/../" + std::string(70, 'e') + "/" +
-                                                  std::string(90, 'f')),
-                     FileEntry("donn\xc3\xa9"
-                               "es/\xc3\xa9t\xc3\xa9.txt",
-                               "non-ASCII")}));
-  seeds.TarSeed("valid", "empty_archive.tar", Opts(false), tar({}));
-  seeds.TarSeed("valid", "no_bytes_at_all.tar", Opts(false), "");
+  tar_seed("valid", "long_names_and_link.tar", Opts(false),
+           tar({FileEntry(long_dir + "/" + std::string(90, 'f'), "deep"),
+                SymlinkEntry("shortcut",
+                             long_dir + "/../" + std::string(70, 'e') + "/" + std::string(90, 'f')),
+                FileEntry("donn\xc3\xa9"
+                          "es/\xc3\xa9t\xc3\xa9.txt",
+                          "non-ASCII")}));
+  tar_seed("valid", "empty_archive.tar", Opts(false), tar({}));
+  tar_seed("valid", "no_bytes_at_all.tar", Opts(false), "");
   CraftEntry read_only_dir = DirEntry("ro");
   read_only_dir.mode = 0500;
   CraftEntry private_file = FileEntry("ro/secret", "0400");
   private_file.mode = 0400;
-  seeds.TarSeed("valid", "restrictive_modes.tar", Opts(false), tar({read_only_dir, private_file}));
-  seeds.TarSeed("valid", "prefilled_overwrite_replaces.tar", Opts(true, true),
-                tar({FileEntry("f", "new"), FileEntry("out/x", "inside"), FileEntry("d/new", "n"),
-                     SymlinkEntry("in", "d/new")}));
-  seeds.TarSeed("valid", "prefilled_directory_replaces_outside_link.tar", Opts(true, true),
-                tar({DirEntry("out"), DirEntry("in")}));
-  seeds.TarSeed("valid", "prefilled_keeps_directories.tar", Opts(false, true),
-                tar({DirEntry("d"), FileEntry("d/new", "n"), FileEntry("g", "g")}));
-  seeds.TarSeed("valid", "select_first_entry.tar", Opts(false, false, true),
-                tar({DirEntry("sel"), FileEntry("sel/a", "a"), FileEntry("other", "o")}));
+  tar_seed("valid", "restrictive_modes.tar", Opts(false), tar({read_only_dir, private_file}));
+  tar_seed("valid", "prefilled_overwrite_replaces.tar", Opts(true, true),
+           tar({FileEntry("f", "new"), FileEntry("out/x", "inside"), FileEntry("d/new", "n"),
+                SymlinkEntry("in", "d/new")}));
+  tar_seed("valid", "prefilled_directory_replaces_outside_link.tar", Opts(true, true),
+           tar({DirEntry("out"), DirEntry("in")}));
+  tar_seed("valid", "prefilled_keeps_directories.tar", Opts(false, true),
+           tar({DirEntry("d"), FileEntry("d/new", "n"), FileEntry("g", "g")}));
+  tar_seed("valid", "select_first_entry.tar", Opts(false, false, true),
+           tar({DirEntry("sel"), FileEntry("sel/a", "a"), FileEntry("other", "o")}));
 
   // ------------------------------------------------------------ refused archives
   const auto refused = [&](const std::string& name, const std::vector<CraftEntry>& entries,
                            const archive::Options& options = Opts(true)) {
-    seeds.TarSeed("refused", name, options, tar(entries));
+    tar_seed("refused", name, options, tar(entries));
   };
   refused("absolute_name.tar", {FileEntry("ok", "1"), FileEntry("/tmp/veskdbud-fuzz-abs", "x")});
   refused("dotdot_name.tar", {FileEntry("ok", "1"), FileEntry("a/../../x", "x")});
@@ -176,38 +149,33 @@ int main(int argc, char** argv) {
   refused("prefilled_overwrite_file_in_the_way.tar", {FileEntry("f/x", "x")}, Opts(true, true));
 
   // ------------------------------------------------------------ packages
-  seeds.PackageSeed("valid", "files_dirs_links.pkg",
-                    Sign(tree, key.get(), archive::kKeyType, work));
+  package_seed("valid", "files_dirs_links.pkg", Sign(tree, key.get(), archive::kKeyType, work));
   const std::string gz = tar(small, Compression::kGzip);
   const std::string good = Sign(gz, key.get(), archive::kKeyType, work);
-  seeds.PackageSeed("valid", "gzip.pkg", good);
-  seeds.PackageSeed("valid", "empty_archive.pkg",
-                    Sign(tar({}), key.get(), archive::kKeyType, work));
-  seeds.PackageSeed("valid", "zero_length_archive.pkg",
-                    Sign("", key.get(), archive::kKeyType, work));
+  package_seed("valid", "gzip.pkg", good);
+  package_seed("valid", "empty_archive.pkg", Sign(tar({}), key.get(), archive::kKeyType, work));
+  package_seed("valid", "zero_length_archive.pkg", Sign("", key.get(), archive::kKeyType, work));
 
   namespace envelope = vesk::envelope;
   std::string flipped_signature = good;
   flipped_signature[envelope::kHeaderSize + gz.size()] ^= 1;
-  seeds.PackageSeed("refused", "flipped_signature.pkg", flipped_signature);
+  package_seed("refused", "flipped_signature.pkg", flipped_signature);
   std::string flipped_archive = good;
   flipped_archive[envelope::kHeaderSize + gz.size() / 2] ^= 0x40;
-  seeds.PackageSeed("refused", "flipped_archive_byte.pkg", flipped_archive);
-  seeds.PackageSeed("refused", "truncated.pkg", good.substr(0, good.size() - 1));
-  seeds.PackageSeed("refused", "trailing_byte.pkg", good + "x");
-  seeds.PackageSeed("refused", "other_key_type.pkg",
-                    Sign(gz, key.get(), archive::kKeyType + 1, work));
+  package_seed("refused", "flipped_archive_byte.pkg", flipped_archive);
+  package_seed("refused", "truncated.pkg", good.substr(0, good.size() - 1));
+  package_seed("refused", "trailing_byte.pkg", good + "x");
+  package_seed("refused", "other_key_type.pkg", Sign(gz, key.get(), archive::kKeyType + 1, work));
   const vesk::EvpPkeyPtr stranger = publish::GenerateSigningKey();
-  seeds.PackageSeed("refused", "unknown_key.pkg",
-                    Sign(gz, stranger.get(), archive::kKeyType, work));
-  seeds.PackageSeed("refused", "no_envelope.tar.gz", gz);
-  seeds.PackageSeed("refused", "header_only.pkg", good.substr(0, envelope::kHeaderSize));
+  package_seed("refused", "unknown_key.pkg", Sign(gz, stranger.get(), archive::kKeyType, work));
+  package_seed("refused", "no_envelope.tar.gz", gz);
+  package_seed("refused", "header_only.pkg", good.substr(0, envelope::kHeaderSize));
   std::string broken_trailer = good;
   broken_trailer[broken_trailer.size() - 1] = '?';
-  seeds.PackageSeed("refused", "broken_trailer_magic.pkg", broken_trailer);
-  seeds.PackageSeed("refused", "signed_hostile_entries.pkg",
-                    Sign(tar({FileEntry("a/../../x", "x")}), key.get(), archive::kKeyType, work));
+  package_seed("refused", "broken_trailer_magic.pkg", broken_trailer);
+  package_seed("refused", "signed_hostile_entries.pkg",
+               Sign(tar({FileEntry("a/../../x", "x")}), key.get(), archive::kKeyType, work));
 
-  std::printf("wrote %d seed inputs below %s/corpus\n", seeds.written(), argv[1]);
+  std::printf("wrote the seed inputs below %s/corpus\n", argv[1]);
   return 0;
 }
