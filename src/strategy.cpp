@@ -13,6 +13,7 @@
 #include <boost/filesystem.hpp>
 #include <cstdint>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <vector>
 
@@ -34,6 +35,10 @@ namespace {
 
 std::string TmpRoot(const std::string& volume) {
   return (NoexceptFormat("%s/@tmp/data_update") % volume).str();
+}
+
+std::string DiffPackagePath(const std::string& volume, const std::string& id, int version) {
+  return (NoexceptFormat("%s/@tmp/data_update/%s_d%d") % volume % id % version).str();
 }
 
 // Left-overs of a run that was killed part-way must not leak into this one.
@@ -293,9 +298,25 @@ void DiffStrategy::PrepareUpdate() {
     throw UpdateError("No sufficient diff patched");
   sum_dir_ = (NoexceptFormat("%s/@tmp/data_update/%s_sum") % volume_ % id_).str();
   FreshDirectory(io, sum_dir_);
-  for (long long v = static_cast<long long>(status_.data_version) + 1; v <= remote_.data_version;
-       ++v) {
-    _DoDiffUpdateTo(static_cast<int>(v));
+  // Each version's package is fetched while the version before it is applied,
+  // so a chain over a slow link waits for one download rather than all of
+  // them. A fetch that fails fails its version, as a fetch in line would.
+  const auto fetch = [this](int version) {
+    return std::async(std::launch::async, [package = DiffPackagePath(volume_, id_, version),
+                                           link = diffs_.at(version).download_link] {
+      IOUtils().Download(package, link);
+    });
+  };
+  const long long first = static_cast<long long>(status_.data_version) + 1;
+  const long long last = remote_.data_version;
+  std::future<void> ahead = fetch(static_cast<int>(first));
+  for (long long v = first; v <= last; ++v) {
+    const int version = static_cast<int>(v);
+    ahead.get();
+    packages_[version] = DiffPackagePath(volume_, id_, version);  // _DoDiffUpdateTo takes it
+    if (v < last)
+      ahead = fetch(version + 1);
+    _DoDiffUpdateTo(version);
   }
   io.VeskMkdir(install_prefix_);
   if (!_IsSpaceEnough(root_directory_, GetDeltaSize())) {
@@ -307,15 +328,16 @@ void DiffStrategy::_DoDiffUpdateTo(int version) {
   IOUtils io;
   const DiffInfo& diff = diffs_.at(version);
   const std::string number = std::to_string(version);
-  const std::string package =
-      (NoexceptFormat("%s/@tmp/data_update/%s_%s") % volume_ % id_ % ("d" + number)).str();
+  const std::string package = DiffPackagePath(volume_, id_, version);
   const std::string delta_dir =
       (NoexceptFormat("%s/@tmp/data_update/%s_delta_%s") % volume_ % id_ % number).str();
+  const bool fetched = packages_.count(version) != 0;
   packages_[version] = package;
   delta_dirs_[version] = delta_dir;
 
   FreshDirectory(io, delta_dir);
-  io.Download(package, diff.download_link);
+  if (!fetched)
+    io.Download(package, diff.download_link);
   const ExpectedBinding expected{id_, version, false, version - 1, false};
   const PackageBinding binding = ExtractBoundPackage(package, delta_dir, &expected);
 
