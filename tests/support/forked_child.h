@@ -46,7 +46,6 @@ class ForkedChild {
   int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
   // Sends SIGKILL and reaps the child; true when it was still running.
   bool Kill();
-  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
