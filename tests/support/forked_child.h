@@ -20,7 +20,6 @@ namespace vesk::test {
 
 class ForkedChild {
  public:
-  // The child's end of the pipes.
   class Channel {
    public:
     Channel(int in, int out) : in_(in), out_(out) {}
@@ -47,7 +46,6 @@ class ForkedChild {
   int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
   // Sends SIGKILL and reaps the child; true when it was still running.
   bool Kill();
-  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
@@ -80,7 +78,6 @@ class HostMountPoints {
   ~HostMountPoints();
   HostMountPoints(const HostMountPoints&) = delete;
   HostMountPoints& operator=(const HostMountPoints&) = delete;
-  // "" when every directory exists.
   const std::string& error() const { return error_; }
 
  private:
@@ -88,7 +85,6 @@ class HostMountPoints {
   std::string error_;
 };
 
-// Seconds elapsed on the steady clock since `start`.
 double SecondsSince(std::chrono::steady_clock::time_point start);
 
 // What a forked child found wrong, one line each in a file, for the parent to

@@ -3,20 +3,17 @@
 port; logs "GET /path" per request to --log ("GET /path <body bytes sent>" once
 answered with --log-sent); sendfile(2) bodies, paced to --rate-mbit. --faults FILE,
 read on every request: a JSON list of rules, the first whose "match" is in the path
-applying at most "times" times: {"status": 500}; {"drop": true} (no answer); {"cut":
-100} (the whole length announced, 100 bytes sent); {"stall": 5, "stall_after": 10}."""
+applying: {"status": 404}; {"stall": 5, "stall_after": 10} (the whole length
+announced, 10 bytes sent, then silence)."""
 import argparse
 import functools
 import http.server
 import json
-import threading
 import time
 
 
 class Handler(http.server.SimpleHTTPRequestHandler):
     args = None
-    used = {}  # rule index -> requests it has matched
-    used_lock = threading.Lock()
 
     def log_message(self, fmt, *args):  # keep the callers' output clean
         pass
@@ -31,13 +28,7 @@ class Handler(http.server.SimpleHTTPRequestHandler):
                 rules = json.load(f)
         except (OSError, TypeError, ValueError):
             return {}
-        for index, rule in enumerate(rules):
-            with self.used_lock:
-                count = self.used.get(index, 0)
-                if rule.get("match", "") in self.path and count < rule.get("times", count + 1):
-                    self.used[index] = count + 1
-                    return rule
-        return {}
+        return next((r for r in rules if r.get("match", "") in self.path), {})
 
     def copyfile(self, source, outputfile):
         outputfile.flush()
@@ -65,7 +56,7 @@ class Handler(http.server.SimpleHTTPRequestHandler):
         self.send_header("Content-Length", str(len(data)))
         self.end_headers()
         try:
-            self.wfile.write(data[: rule.get("cut", rule.get("stall_after", 0))])
+            self.wfile.write(data[: rule.get("stall_after", 0)])
             self.wfile.flush()
             time.sleep(rule.get("stall", 0))
         except OSError:
@@ -78,9 +69,7 @@ class Handler(http.server.SimpleHTTPRequestHandler):
         rule = self._fault()
         if "status" in rule:
             self.send_error(rule["status"])
-        elif rule.get("drop"):
-            self.close_connection = True
-        elif "cut" in rule or "stall" in rule:
+        elif "stall" in rule:
             self._send_part(rule)
         else:
             return super().send_head()

@@ -1,10 +1,7 @@
 #include "package_craft.h"
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -13,8 +10,6 @@
 #include "signing.h"
 #include "test_support.h"
 #include "vesk_internal/archive_ptr.h"
-
-extern char** environ;
 
 namespace vesk::test {
 
@@ -118,32 +113,6 @@ std::vector<std::string> ListTree(const std::string& dir) {
     found.push_back(it->path().lexically_relative(dir).generic_string());
   std::sort(found.begin(), found.end());
   return found;
-}
-
-CommandResult RunCommand(const std::vector<std::string>& argv) {
-  TempDir io;
-  const std::string out = io / "out", err = io / "err";
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> args;
-  for (const auto& a : argv)
-    args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0)
-    throw std::runtime_error("cannot run " + argv[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  CommandResult result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.out = ReadFile(out);
-  result.err = ReadFile(err);
-  return result;
 }
 
 }  // namespace vesk::test

@@ -40,20 +40,8 @@ std::string DiffBinding(const std::string& id, int version, const std::string& m
 // <root>/usr/vesk/etc/keys/<key_type>/<name>.pem.
 void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::string& name);
 
-// Every path below `dir` (relative, sorted), links not followed.
 std::vector<std::string> ListTree(const std::string& dir);
 
-// A finished process: exit status (-1 when killed) and what it printed.
-struct CommandResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-// Runs `argv` (argv[0] searched in PATH) with stdin from /dev/null and waits.
-CommandResult RunCommand(const std::vector<std::string>& argv);
-
-// Owner of a handle for the duration of a test.
 struct ArchiveFree {
   void operator()(veskarchive* h) const { veskarchive_free(h); }
 };

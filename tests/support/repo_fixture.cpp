@@ -2,10 +2,10 @@
 
 #include <sys/wait.h>
 
-#include <json/reader.h>
 #include <boost/filesystem.hpp>
-#include <cstdio>
 #include <memory>
+
+#include "dataupdate/io_utils.h"
 
 namespace fs = boost::filesystem;
 
@@ -29,22 +29,9 @@ int Shell(const std::string& command) {
 }
 
 std::string Capture(const std::string& command) {
-  struct PipeClose {
-    void operator()(FILE* f) const { pclose(f); }
-  };
-  std::string output;
-  FILE* raw = popen(command.c_str(), "r");
-  if (raw == nullptr) {
-    ADD_FAILURE() << "popen failed: " << command;
-    return output;
-  }
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, raw)) > 0)
-    output.append(buffer, n);
-  int status = pclose(raw);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
-  return output;
+  const CommandResult result = RunCommand({"/bin/sh", "-c", command});
+  EXPECT_EQ(result.status, 0) << command << ": " << result.err;
+  return result.out;
 }
 
 Repo::Repo() : source_(work_ / "source"), out_(work_ / "served/repo"), key_dir_(work_ / "keys") {
@@ -94,11 +81,7 @@ int Repo::Publish(const std::vector<std::string>& extra_args, const std::string&
 }
 
 Json::Value Repo::Info() const {
-  Json::Value info;
-  Json::Reader reader;
-  std::string text = ReadFile(out_ + "/database_info/" + kDbVer);
-  EXPECT_TRUE(reader.parse(text, info)) << text;
-  return info;
+  return dataupdate::IOUtils().ReadJson(out_ + "/database_info/" + kDbVer);
 }
 
 RemoteInfo Repo::Remote(const std::string& id) const {

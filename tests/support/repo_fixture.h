@@ -27,26 +27,24 @@ std::string ShellQuote(const std::string& text);
 class Repo {
  public:
   Repo();
-  // Source content of one file of database `id` at `version`.
   void SetFile(const std::string& id, int version, const std::string& name,
                const std::string& content);
   void RemoveFile(const std::string& id, int version, const std::string& name);
-  // Version `to` starts as a copy of version `from`.
   void CopyVersion(const std::string& id, int from, int to);
-  // Runs SQL on an SQLite file of the source tree with the sqlite3 tool.
   void Sql(const std::string& id, int version, const std::string& name, const std::string& sql);
   std::string SourceDir(const std::string& id, int version) const;
 
   // Publishes the source tree into the served repository, its links below
   // `base_url` (default BaseUrl()); returns the publisher's exit status.
   int Publish(const std::vector<std::string>& extra_args = {}, const std::string& base_url = "");
-  std::string BaseUrl() const { return server_->url("/repo"); }
+  std::string BaseUrl() const {
+    return "http://127.0.0.1:" + std::to_string(server_->port()) + "/repo";
+  }
   Json::Value Info() const;
   RemoteInfo Remote(const std::string& id) const;
   std::map<int, DiffInfo> Diffs(const std::string& id) const;
   const HttpServer& server() const { return *server_; }
   const std::string& key_dir() const { return key_dir_; }
-  // The published tree, served as BaseUrl().
   const std::string& out_dir() const { return out_; }
   // The directory served as the server's root ("/repo" is out_dir()).
   std::string served_dir() const { return out_.substr(0, out_.rfind('/')); }
@@ -64,7 +62,6 @@ class Repo {
 // Trusts the repository's key inside the sandbox and installs the decoder there.
 void InstallTrust(const Sandbox& sandbox, const Repo& repo);
 
-// Every regular file below `dir`, relative name -> content.
 std::map<std::string, std::string> Snapshot(const std::string& dir);
 
 struct DatabaseEntry {

@@ -4,9 +4,9 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,20 +14,20 @@
 #include <boost/filesystem.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+extern char** environ;
 
 namespace vesk::test {
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/veskdbud-test-XXXXXX";
-  std::vector<char> buf(pattern.begin(), pattern.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr)
+  path_ = std::string(base && *base ? base : "/tmp") + "/veskdbud-test-XXXXXX";
+  if (mkdtemp(path_.data()) == nullptr)
     throw std::runtime_error("mkdtemp failed");
-  path_ = buf.data();
 }
 
 TempDir::~TempDir() {
@@ -115,17 +115,7 @@ std::string Pseudorandom(size_t size, unsigned seed) {
 }
 
 void SetAge(const std::string& path, long age_seconds) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  struct timeval times[2];
-  times[0].tv_sec = times[1].tv_sec = now.tv_sec - age_seconds;
-  times[0].tv_usec = times[1].tv_usec = 0;
-  if (utimes(path.c_str(), times) != 0)
-    throw std::runtime_error("utimes failed: " + path);
-}
-
-std::string SupportFile(const std::string& name) {
-  return std::string(VESKDBUD_TEST_SUPPORT_DIR) + "/" + name;
+  boost::filesystem::last_write_time(path, std::time(nullptr) - age_seconds);
 }
 
 HttpServer::HttpServer(const std::string& dir)
@@ -134,7 +124,7 @@ HttpServer::HttpServer(const std::string& dir)
   if (pipe2(out, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
   const std::string python = access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
-  const std::string script = SupportFile("http_server.py");
+  const std::string script = std::string(VESKDBUD_TEST_SUPPORT_DIR) + "/http_server.py";
   pid_ = fork();
   if (pid_ < 0)
     throw std::runtime_error("fork failed");
@@ -168,11 +158,6 @@ HttpServer::~HttpServer() {
   }
 }
 
-std::string HttpServer::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + (path.empty() || path[0] != '/' ? "/" : "") +
-         path;
-}
-
 std::vector<std::string> HttpServer::Requests() const {
   std::vector<std::string> lines;
   std::ifstream in(log_path_);
@@ -200,6 +185,32 @@ int UnusedPort() {
   getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
   close(fd);  // nothing listens: a connection is refused
   return ntohs(addr.sin_port);
+}
+
+CommandResult RunCommand(const std::vector<std::string>& argv) {
+  TempDir io;
+  const std::string out = io / "out", err = io / "err";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  std::vector<char*> args;
+  for (const auto& a : argv)
+    args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = -1;
+  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0)
+    throw std::runtime_error("cannot run " + argv[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  CommandResult result;
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.out = ReadFile(out);
+  result.err = ReadFile(err);
+  return result;
 }
 
 }  // namespace vesk::test

@@ -13,7 +13,6 @@
 
 namespace vesk::test {
 
-// A directory under $TMPDIR (or /tmp) removed with everything below it.
 class TempDir {
  public:
   TempDir();
@@ -27,7 +26,6 @@ class TempDir {
   std::string path_;
 };
 
-// Sets (or, with nullptr, unsets) an environment variable for its lifetime.
 class ScopedEnv {
  public:
   ScopedEnv(const std::string& name, const char* value);
@@ -46,7 +44,6 @@ class LogCapture {
  public:
   LogCapture();
   std::vector<std::string> Lines() const;
-  // Lines that contain `needle`.
   std::vector<std::string> Matching(const std::string& needle) const;
   bool Contains(const std::string& line) const;
   void Clear() const;
@@ -62,7 +59,6 @@ std::string ReadFile(const std::string& path);
 bool Exists(const std::string& path);
 // `size` bytes that do not compress, the same for the same `seed`.
 std::string Pseudorandom(size_t size, unsigned seed);
-// Sets the modification time of `path` to now - `age_seconds`.
 void SetAge(const std::string& path, long age_seconds);
 
 // A python3 static file server over `dir` on 127.0.0.1, stopped on destruction.
@@ -73,7 +69,6 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
   int port() const { return port_; }
-  std::string url(const std::string& path) const;
   // Requests served so far, each as "GET /path".
   std::vector<std::string> Requests() const;
   // Replaces the fault rules (a JSON list, see http_server.py); "[]" for none.
@@ -88,11 +83,17 @@ class HttpServer {
   int port_ = 0;
 };
 
-// A TCP port on 127.0.0.1 with nothing listening on it.
-int UnusedPort();
+// A finished process: exit status (-1 when killed) and what it printed.
+struct CommandResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
 
-// Path of a test-support file shipped in the source tree (tests/support/...).
-std::string SupportFile(const std::string& name);
+// Runs `argv` (argv[0] searched in PATH) with stdin from /dev/null and waits.
+CommandResult RunCommand(const std::vector<std::string>& argv);
+
+int UnusedPort();
 
 }  // namespace vesk::test
 

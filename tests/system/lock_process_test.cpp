@@ -11,7 +11,6 @@
 #include "dataupdate/project_lock.h"
 #include "forked_child.h"
 #include "test_support.h"
-#include "vesk/root.h"
 
 using namespace vesk::dataupdate;
 using namespace vesk::test;
@@ -106,38 +105,6 @@ TEST_F(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) 
     if (c.hold_ms == 0)
       holder.Send('R');
     EXPECT_EQ(holder.Wait(), 0);
-  }
-}
-
-TEST_F(LockProcessTest, ConcurrentConfigWritersLoseNoKey) {
-  constexpr int kProcesses = 4;
-  constexpr int kKeysEach = 15;
-  std::vector<std::unique_ptr<ForkedChild>> writers;
-  for (int p = 0; p < kProcesses; ++p) {
-    writers.push_back(std::make_unique<ForkedChild>([p](const ForkedChild::Channel& parent) {
-      parent.Receive();  // all start together
-      auto config = std::make_shared<Config>(std::make_shared<IOUtils>());
-      config->Init(vesk::platform::RootPath("/usr/share/data_update/data_update.conf"),
-                   vesk::platform::RootPath("/usr/vesk/etc/data_update/data_update.conf"));
-      for (int k = 0; k < kKeysEach; ++k)
-        config->Set("p" + std::to_string(p), "k" + std::to_string(k), 1ULL * p * 100 + k);
-      return 0;
-    }));
-  }
-  for (auto& writer : writers)
-    writer->Send('g');
-  for (auto& writer : writers)
-    EXPECT_EQ(writer->Wait(), 0);
-
-  Config config(std::make_shared<IOUtils>());
-  config.Init(sandbox.Path("/usr/share/data_update/data_update.conf"),
-              sandbox.Path("/usr/vesk/etc/data_update/data_update.conf"));
-  EXPECT_EQ(config.GetSections().size(), static_cast<size_t>(kProcesses));
-  for (int p = 0; p < kProcesses; ++p) {
-    for (int k = 0; k < kKeysEach; ++k) {
-      EXPECT_EQ(config.GetAsUInt64("p" + std::to_string(p), "k" + std::to_string(k)),
-                1ULL * p * 100 + k);
-    }
   }
 }
 

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <map>
 
 #include "service_fixture.h"
 #include "vesk/mount_vol.h"
@@ -56,17 +55,6 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
     };
     if (!mount_tmpfs("/volume1", "4m") || !mount_tmpfs("/volume2", "16m"))
       return;
-
-    // The volumes as listed, with their free space (less what tmpfs keeps).
-    VESKVolInfo* list = VESKMountVolAllEnum(0, 1);
-    std::map<std::string, unsigned long long> avail;
-    for (const VESKVolInfo* r = list; r != nullptr; r = r->next)
-      avail[r->mount_path] = r->flags & VESK_VOL_FLAG_RW ? r->avail_bytes : 0;
-    VESKMountVolInfoFree(list);
-    for (const auto& [path, size] : {std::pair{"/volume1", 4 * kMiB}, {"/volume2", 16 * kMiB}}) {
-      findings.Expect(avail[path] <= size && avail[path] + 64 * 1024 >= size,
-                      std::string(path) + " avail " + std::to_string(avail[path]));
-    }
 
     // Start: /volume1 is too small; db2 is installed from packages extracted on
     // /volume2 to the root file system, by the whole package, the diff and a repair.

@@ -134,29 +134,3 @@ TEST_F(ConfigTest, ServiceKeysVolumeAndDatabaseIDsComeFromTheirFiles) {
   EXPECT_UPDATE_ERROR(service.GetDatabaseConfig("db1"),
                       "section-key: 'config'-'cur_volume' not found");
 }
-
-TEST_F(ConfigTest, DatabaseViewsPlaceTheDatabaseAndSwallowUnreadableSchedules) {
-  EXPECT_EQ(Database("db1")->GetInstallPrefix(), "/mnt/v1/@database/autoupdate/db1");
-  EXPECT_EQ(Database("db2")->GetInstallPrefix(), sandbox.root() + "/var/db/db2");
-  EXPECT_EQ(Database("db2")->GetRootDirectory(), sandbox.root() + "/");
-
-  sandbox.Write(kDatabasesLocal, R"({"db1": {"install_dest": "%volume%"}, "db3": {}})");
-  const std::string message = "Invalid value '%volume%' for '%s/@database/autoupdate' field";
-  EXPECT_UPDATE_ERROR(Database("db1")->GetInstallPrefix(), message);
-  EXPECT_UPDATE_ERROR(Database("db3")->GetInstallPrefix(),
-                      "section-key: 'db3'-'install_dest' not found");
-  EXPECT_FALSE(Database("db1")->GetScheduled());
-  EXPECT_TRUE(Database("db2")->GetScheduled()) << "no key";
-  EXPECT_EQ(Database("db1")->GetMinReservedSpaceInbytes(), 1024u);
-
-  const std::string defaults = ReadFile(sandbox.Path(kDatabasesDefault));
-  auto db = Database("db2");
-  db->SetScheduled(false);
-  EXPECT_FALSE(db->GetScheduled());
-  EXPECT_EQ(ReadFile(sandbox.Path(kDatabasesDefault)), defaults);
-
-  boost::filesystem::remove(sandbox.Path(kDatabasesDefault));
-  boost::filesystem::remove(sandbox.Path(kDatabasesLocal));
-  EXPECT_EQ(Database("db1")->GetMinReservedSpaceInbytes(), 0u);
-  EXPECT_TRUE(Database("db1")->GetScheduled());
-}

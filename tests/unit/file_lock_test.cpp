@@ -59,24 +59,6 @@ TEST(FileLock, CreatesItsFileHoldsItAloneAndLogsAcquireAndRelease) {
                              "info: file_lock.cpp:53 Release lock on file: " + path,
                          }))
       << "the failed attempt logs nothing";
-
-  auto pulled = std::make_unique<FileLock>(path, 0);
-  ASSERT_EQ(close(*DescriptorOf(path)), 0);  // pulled from under the guard: unlock fails
-  log.Clear();
-  pulled.reset();
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
-                             "err: file_lock.cpp:50 Fail to unlock " + path,
-                             "info: file_lock.cpp:53 Release lock on file: " + path,
-                         }));
-}
-
-TEST(FileLock, AnUnusablePathFailsWithItsMessage) {
-  TempDir dir;
-  WriteFile(dir / "plain", "a file where a directory should be");
-  EXPECT_THROW(FileLock(dir / "plain/sub/x.lock", 0), vesk::dataupdate::UpdateError);
-  ASSERT_EQ(mkdir((dir / "a_directory.lock").c_str(), 0755), 0);
-  EXPECT_UPDATE_ERROR(FileLock(dir / "a_directory.lock", 0),
-                      "Fail open lock file " + (dir / "a_directory.lock"));
 }
 
 TEST(ProjectLock, ReadersShareADescriptorAndEveryOtherCaseIsMinusTwoAndLogged) {

@@ -1,5 +1,4 @@
-// Programs, directories, the user agent, the sandbox root and the data volumes (real
-// mounts: volume_namespace_test; the machine identity: service_test).
+// Programs and the data volumes (real mounts: volume_test).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,10 +9,7 @@
 
 #include "mountinfo.h"
 #include "test_support.h"
-#include "vesk/fs.h"
 #include "vesk/mount_vol.h"
-#include "vesk/root.h"
-#include "vlib/sysinfo.h"
 #include "vlib/vlibc.h"
 
 using namespace vesk::platform;
@@ -33,42 +29,6 @@ TEST(PlatformExec, SuccessOnlyForExitStatusZeroArgumentsInOrderStdinEmpty) {
   EXPECT_EQ(ReadFile(out), "a b||c|");
   ASSERT_EQ(VLIBCExec("/bin/sh", "-c", ("echo $# > " + out).c_str(), nullptr, "ignored"), 0);
   EXPECT_EQ(ReadFile(out), "0\n");
-}
-
-TEST(PlatformFiles, MkdirCreatesParentsWithMode0755AndFileExistAnswersFromStat) {
-  TempDir dir;
-  const std::string deep = dir / "a/b/";
-  const mode_t mask = umask(0);
-  ASSERT_EQ(
-      VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1) + VESKFSMkdirP(deep.c_str(), 0, 0, -1, -1, -1),
-      0);
-  umask(mask);
-  struct stat st {};
-  ASSERT_EQ(stat((dir / "a").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0755u);
-  WriteFile(dir / "f", "x");
-  EXPECT_EQ(VESKFSMkdirP((dir / "f/g").c_str(), 0, 0, -1, -1, -1), -1);
-  EXPECT_EQ(VLIBCErrGet(), ENOTDIR);
-  EXPECT_EQ(VLIBCFileExist(deep.c_str()) * 2 + VLIBCFileExist((dir / "x").c_str()), 2);
-}
-
-TEST(PlatformUserAgent, FillsTheBufferOnlyWhenTheTextAndItsNulFit) {
-  char buffer[256];
-  const int n = VLIBSysinfoUserAgentGet("database", buffer, sizeof buffer);
-  ASSERT_EQ(std::string(buffer).substr(0, 9) + std::to_string(n),
-            "veskdbud/" + std::to_string(std::strlen(buffer)));
-  EXPECT_LT(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n)), 0);
-  EXPECT_EQ(VLIBSysinfoUserAgentGet("database", buffer, static_cast<size_t>(n) + 1), n);
-}
-
-// The one resolver of fixed paths; the tool's SystemPath is this function.
-TEST(SandboxRoot, ResolvesFixedPathsOnlyBelowANonEmptyRoot) {
-  std::string paths;
-  for (const char* root : {static_cast<const char*>(nullptr), "", "/", "/tmp/box//"}) {
-    ScopedEnv env("VESKDBUD_ROOT", root);
-    paths += RootPath("/run/x") + " ";
-  }
-  EXPECT_EQ(paths, "/run/x /run/x /run/x /tmp/box/run/x ");
 }
 
 std::string Describe(const VESKVolInfo& r) {

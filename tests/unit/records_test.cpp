@@ -4,7 +4,6 @@
 
 #include <array>
 #include <functional>
-#include <stdexcept>
 
 #include "test_support.h"
 
@@ -56,24 +55,6 @@ TEST(Records, EveryWrongShapeFailsWithTheRecordsMessage) {
         EXPECT_UPDATE_ERROR(read(Parse(text)), "Invalid json object for " + name);
     }
   }
-}
-
-TEST(Records, VersionsAreTextsAndTheFirstDuplicateDiffWins) {
-  Json::Value json = RemoteInfo::ToJson(RemoteInfo(0, 2, true, "http://h/p"));
-  json["data_version"] = "x7";
-  EXPECT_THROW(RemoteInfo::FromJson(json), std::invalid_argument);
-  EXPECT_EQ(RemoteInfo::ToJson(RemoteInfo(-1, 1, true, "u"))["data_version"], Json::Value("-1"));
-  EXPECT_EQ(DatabaseStatus::ToJson({-1, 0, {}})["file_statuses"], Json::Value(Json::objectValue));
-  EXPECT_EQ(DatabaseStatus::FromJson(Parse(R"({"data_version": "4", "last_fetch_time": 9,
-                                               "file_statuses": []})")),
-            (DatabaseStatus{4, 9, {}}));
-
-  // Member order is by name: "03" comes before "3", so it wins.
-  const auto diffs = DiffInfo::BatchFromJson(Parse(R"({"3": {"download_link": "plain",
-      "file_size": 1}, "03": {"download_link": "padded", "file_size": 2}, "10": {
-      "download_link": "ten", "file_size": 10}})"));
-  EXPECT_EQ(diffs,
-            (std::map<int, DiffInfo>{{3, DiffInfo("padded", 2)}, {10, DiffInfo("ten", 10)}}));
 }
 
 // The update compares statuses: every field counts, digests byte for byte.

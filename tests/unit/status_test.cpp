@@ -8,19 +8,14 @@
 #include <json/reader.h>
 
 #include <boost/filesystem.hpp>
-#include <chrono>
 #include <optional>
 #include <random>
 #include <set>
 #include <sstream>
-#include <thread>
 
-#include "dataupdate/config.h"
 #include "dataupdate/io_utils.h"
 #include "dataupdate/records.h"
-#include "dataupdate/update.h"
 #include "dataupdate/updater.h"
-#include "forked_child.h"
 #include "test_support.h"
 #include "unique_fd.h"
 
@@ -154,35 +149,4 @@ TEST(StatusScan, WrittenFilesAreReadQuicklyAndDamagedOnesNeverReadDifferently) {
     }
     EXPECT_GT(accepted, rounds / 200) << "harmless edits (spaces, digests' digits) are still read";
   }
-}
-
-TEST(InfoGetter, ReadsQuicklyOnlyWhatItWroteItselfAndKeepsNoVersionPastAChange) {
-  Sandbox sandbox;
-  const auto io = std::make_shared<IOUtils>();
-  const auto config = std::make_shared<ServiceConfig>(std::make_shared<Config>(io));
-  const InfoGetter info{io, config};
-  const std::string path = sandbox.Path("/var/lib/data_update/db/version.json");
-  LogCapture log;
-  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt) << "no status file";
-  WriteFile(path, R"({"data_version":"5","last_fetch_time":1,"data_version":"6"})");
-  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt) << "left to the full reading";
-  EXPECT_TRUE(log.Lines().empty()) << "the quick reading logs nothing";
-  // A substitute IOUtils may read its status from elsewhere: it is asked, as ever.
-  struct Substitute : IOUtils {};
-  const InfoGetter substituted(std::make_shared<Substitute>(), config);
-  info.SetDatabaseStatus("db", Recorded(20250601, 3));
-  EXPECT_EQ(substituted.QuickInstalledVersion("db"), std::nullopt);
-
-  // Settled only once its change time, which no test can set back, is old enough.
-  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
-  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250601));
-  EXPECT_EQ(io->ReadJson(path)["data_version"].asString(), "20250601");  // a kept document
-  std::string text = ReadFile(path);
-  text.replace(text.find("20250601"), 8, "20250602");
-  WriteFile(path, text);  // in place, same size
-  EXPECT_EQ(info.QuickInstalledVersion("db"), std::optional<int>(20250602));
-  EXPECT_EQ(io->ReadJson(path)["data_version"].asString(), "20250602");
-  WriteFile(path, "{}");
-  EXPECT_EQ(info.QuickInstalledVersion("db"), std::nullopt);
 }

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
@@ -24,18 +23,6 @@ class IOUtilsTest : public ::testing::Test {
 };
 
 }  // namespace
-
-TEST_F(IOUtilsTest, SizesCountRegularFilesAndTheFileSystemNeedsADirectory) {
-  WriteFile(dir / "ten", std::string(10, 'x'));
-  WriteFile(dir / "sub/five", std::string(5, 'y'));
-  ASSERT_EQ(symlink((dir / "ten").c_str(), (dir / "link").c_str()), 0);
-  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-  EXPECT_EQ(io.GetSize(dir.path()), 25u) << "the link counts, the fifo does not";
-  EXPECT_UPDATE_ERROR(io.GetFsSize(dir / "ten"), "Invalid filesystem to testing space");
-  auto [available, capacity] = io.GetFsSize(dir.path());
-  EXPECT_GT(capacity, 0u);
-  EXPECT_LE(static_cast<std::uint64_t>(available), capacity);
-}
 
 TEST_F(IOUtilsTest, ReadJsonDistinguishesMissingUnreadableAndUndecodable) {
   EXPECT_UPDATE_ERROR(io.ReadJson(dir / "none.json"), "File not exist: " + (dir / "none.json"));
@@ -73,17 +60,6 @@ TEST_F(IOUtilsTest, WriteJsonIndentsWithTabsKeepsTheModeAndWritesThroughALink) {
                       "Fail to create parent folder: " + (dir / "plain/sub/f.json"));
 }
 
-TEST_F(IOUtilsTest, FileCreateOverIsStrictlyOlderThan) {
-  WriteFile(dir / "f", "x");
-  EXPECT_FALSE(io.FileCreateOver(dir / "f", 3600));
-  SetAge(dir / "f", 7200);
-  EXPECT_TRUE(io.FileCreateOver(dir / "f", 3600));
-  SetAge(dir / "f", -600);  // in the future: never over
-  EXPECT_FALSE(io.FileCreateOver(dir / "f", 0));
-  EXPECT_UPDATE_ERROR(io.FileCreateOver(dir / "none", 1),
-                      "Failed to get attribute of " + (dir / "none") + ", errno=2");
-}
-
 TEST_F(IOUtilsTest, CopyFileReplacesTheTargetCopiesLinksAsLinksAndNamesItsFailures) {
   WriteFile(dir / "out/old", "old");
   // Larger than one block of the fallback loop, odd-sized, without repeats.
@@ -103,28 +79,6 @@ TEST_F(IOUtilsTest, CopyFileReplacesTheTargetCopiesLinksAsLinksAndNamesItsFailur
     ADD_FAILURE() << "no error";
   } catch (const UpdateError& e) {  // the file system's reason follows
     EXPECT_EQ(std::string(e.what()).rfind("Fail to copy from " + (dir / "none") + " to ", 0), 0u);
-  }
-}
-
-TEST_F(IOUtilsTest, DirectoriesAreMadeRemovedAndWalkedContentsFirst) {
-  io.VeskMkdir(dir / "a/b/c");
-  WriteFile(dir / "file", "x");
-  EXPECT_UPDATE_ERROR(io.VeskMkdir(dir / "file/sub"), "Fail to create dir " + (dir / "file/sub"));
-  WriteFile(dir / "a/f", "x");
-  WriteFile(dir / "a/b/c/inner", "y");
-  std::vector<std::string> seen;
-  io.IterateDirectory(
-      dir / "a/", [&](const std::string& p) { seen.push_back(p); }, true);
-  const auto at = [&](const std::string& p) {
-    return std::find(seen.begin(), seen.end(), p) - seen.begin();
-  };
-  ASSERT_EQ(seen.size(), 4u);
-  EXPECT_LT(at(dir / "a/b/c/inner"), at(dir / "a/b/c"));
-  EXPECT_LT(at(dir / "a/b/c"), at(dir / "a/b"));
-  EXPECT_LT(at(dir / "a/f"), 4);
-  for (const char* gone : {"a", "file", "none"}) {
-    io.RmRf(dir / gone);
-    EXPECT_FALSE(Exists(dir / gone));
   }
 }
 
