@@ -9,12 +9,14 @@
 #include "dataupdate/records.h"
 #include "package_craft.h"
 #include "repo_fixture.h"
+#include "signing.h"
 #include "vesk/archive.h"
 
 using namespace vesk::test;
 using vesk::dataupdate::DiffInfo;
 using vesk::dataupdate::RemoteInfo;
 namespace fs = boost::filesystem;
+namespace publish = vesk::publish;
 
 namespace {
 
@@ -90,4 +92,22 @@ TEST_F(PublishRoundTripTest, EveryVersionAndDiffIsAnnouncedAndPublishingAgainGiv
   ASSERT_EQ(Publish(work / "again", "http://packages.example/db/").status, 0);
   EXPECT_EQ(Snapshot(work / "again"), Snapshot(repo));
   EXPECT_EQ(Snapshot(repo).size(), 12u);  // the document, its signature, 6 full and 4 diff packages
+}
+
+// A second writer built from docs/package-format.md alone gives the same bytes.
+TEST_F(PublishRoundTripTest, EnvelopeBuiltByHandFromTheDocumentedLayoutIsAccepted) {
+  const std::string tar = work / "a.tar.gz";
+  WriteTarball(tar, {FileEntry("docs/readme", "written by another publisher\n")},
+               Compression::kGzip);
+  const std::string binding = R"({"database":"docs","kind":"full","manifest":{},"version":7})";
+  WriteFile(work / "binding.json", binding);
+  ASSERT_EQ(RunCommand({"python3", VESKDBUD_TEST_SUPPORT_DIR "/envelope_by_hand.py", tar,
+                        keys + "/private.pem", "6", work / "by-hand.pkg", work / "binding.json"})
+                .status,
+            0);
+  const auto key = publish::LoadPrivateKey(keys + "/private.pem");
+  publish::SignArchive(tar, work / "ours.pkg", key.get(), 6, binding);
+  EXPECT_EQ(ReadFile(work / "by-hand.pkg"), ReadFile(work / "ours.pkg"));  // Ed25519: deterministic
+  EXPECT_EQ(Extract(work / "by-hand.pkg", work / "target")["version"].asInt(), 7);
+  EXPECT_EQ(ReadFile(work / "target/docs/readme"), "written by another publisher\n");
 }
