@@ -309,9 +309,9 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
   };
   const std::string db2_full = ReadFile(repo.out_dir() + "/db2/v20250601/full.pkg");
   const std::string db1_old = ReadFile(repo.out_dir() + "/db1/v20250601/full.pkg");
-  const std::string forged = [&] {
+  const std::string forged = [&] {  // the same length: only the digest can tell
     std::string text = ReadFile(info);
-    text.replace(text.find("\"20250602\""), 10, "\"2147483647\"");
+    text.replace(text.find("\"20250602\""), 10, "\"29991231\"");
     return text;
   }();
   const std::vector<Attack> attacks{
