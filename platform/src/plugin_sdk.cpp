@@ -23,6 +23,7 @@
 #include "file_util.h"
 #include "last_error.h"
 #include "vesk/root.h"
+#include "vesk_internal/spawn.h"
 
 extern char** environ;
 
@@ -58,23 +59,6 @@ struct DirCloser {
   void operator()(DIR* dir) const { closedir(dir); }
 };
 using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-class SpawnFileActions {
- public:
-  SpawnFileActions() : ok_(posix_spawn_file_actions_init(&actions_) == 0) {}
-  ~SpawnFileActions() {
-    if (ok_)
-      posix_spawn_file_actions_destroy(&actions_);
-  }
-  SpawnFileActions(const SpawnFileActions&) = delete;
-  SpawnFileActions& operator=(const SpawnFileActions&) = delete;
-  bool ok() const { return ok_; }
-  posix_spawn_file_actions_t* get() { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_;
-  bool ok_;
-};
 
 class SpawnAttr {
  public:
@@ -233,7 +217,7 @@ int RunPlugin(const std::string& program, int action, const std::vector<std::str
               long timeout_s) {
   SpawnFileActions actions;
   SpawnAttr attr;
-  if (!actions.ok() || !attr.ok())
+  if (actions.error() != 0 || !attr.ok())
     return ENOMEM;
   int rc = posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   if (rc != 0)

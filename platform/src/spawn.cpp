@@ -11,31 +11,11 @@
 extern char** environ;
 
 namespace vesk {
-namespace {
-
-class FileActions {
- public:
-  FileActions() : error_(posix_spawn_file_actions_init(&actions_)) {}
-  ~FileActions() {
-    if (error_ == 0)
-      posix_spawn_file_actions_destroy(&actions_);
-  }
-  FileActions(const FileActions&) = delete;
-  FileActions& operator=(const FileActions&) = delete;
-  int error() const { return error_; }
-  posix_spawn_file_actions_t* get() { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_;
-  int error_;
-};
-
-}  // namespace
 
 int SpawnAndWait(const std::vector<std::string>& argv, const SpawnOptions& options, int* status) {
   if (argv.empty())
     return EINVAL;
-  FileActions actions;
+  SpawnFileActions actions;
   int rc = actions.error();
   if (rc == 0)
     rc = posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);

@@ -3,10 +3,30 @@
 // unless redirected below. Never throws except std::bad_alloc.
 #pragma once
 
+#include <spawn.h>
+
 #include <string>
 #include <vector>
 
 namespace vesk {
+
+// posix_spawn's file actions, destroyed with their holder.
+class SpawnFileActions {
+ public:
+  SpawnFileActions() : error_(posix_spawn_file_actions_init(&actions_)) {}
+  ~SpawnFileActions() {
+    if (error_ == 0)
+      posix_spawn_file_actions_destroy(&actions_);
+  }
+  SpawnFileActions(const SpawnFileActions&) = delete;
+  SpawnFileActions& operator=(const SpawnFileActions&) = delete;
+  int error() const { return error_; }  // of the initialisation; 0 when usable
+  posix_spawn_file_actions_t* get() { return &actions_; }
+
+ private:
+  posix_spawn_file_actions_t actions_;
+  int error_;
+};
 
 struct SpawnOptions {
   bool search_path = false;  // argv[0] is looked up in PATH
