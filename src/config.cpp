@@ -6,6 +6,7 @@
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
+#include "json_read.h"
 #include "vesk/root.h"
 
 namespace vesk::dataupdate {
@@ -39,20 +40,28 @@ const Json::Value& Lookup(const Json::Value& root, const std::string& section,
   return members.isObject() ? members[key] : kNull;
 }
 
-// A configuration file as the JSON library reads it; one it gives up on (such
-// as nesting deeper than it allows) is undecodable like any other.
-Json::Value ReadDocument(const IOUtils& io, const std::string& path) {
+// A configuration file as the JSON library reads it, nullptr when it does not
+// exist; one it gives up on (such as nesting deeper than it allows) is
+// undecodable like any other.
+std::shared_ptr<const Json::Value> ReadDocument(const IOUtils& io, const std::string& path) {
   try {
-    return io.ReadJson(path);
+    return ReadJsonShared(io, path);
   } catch (const Json::Exception&) {
     throw UpdateError("Fail to decode: " + path);
   }
 }
 
+std::shared_ptr<const Json::Value> ReadExisting(const IOUtils& io, const std::string& path) {
+  auto document = ReadDocument(io, path);
+  if (!document)
+    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+  return document;
+}
+
 // A file whose top level is not an object holds no sections.
-Json::Value ReadSections(const IOUtils& io, const std::string& path) {
-  Json::Value root = ReadDocument(io, path);
-  if (!root.isObject())
+std::shared_ptr<const Json::Value> ReadSections(const IOUtils& io, const std::string& path) {
+  auto root = ReadExisting(io, path);
+  if (!root->isObject())
     throw UpdateError("Fail to decode: " + path);
   return root;
 }
@@ -99,16 +108,17 @@ T Config::GetAs(const Json::Value& value) const {
 template <typename T>
 T Config::__Get(const std::string& section, const std::string& key) const {
   try {
-    const Json::Value local = ReadDocument(*io_, local_path_);
-    const Json::Value& value = Lookup(local, section, key);
-    if (!value.isNull())
-      return GetAs<T>(value);
+    if (const auto local = ReadDocument(*io_, local_path_)) {
+      const Json::Value& value = Lookup(*local, section, key);
+      if (!value.isNull())
+        return GetAs<T>(value);
+    }
   } catch (const UpdateError&) {
     // A local file that is missing, unreadable or corrupt, or a local value of
     // the wrong type, is not an error: the default file decides.
   }
-  const Json::Value fallback = ReadDocument(*io_, default_path_);
-  const Json::Value& value = Lookup(fallback, section, key);
+  const auto fallback = ReadExisting(*io_, default_path_);
+  const Json::Value& value = Lookup(*fallback, section, key);
   if (value.isNull()) {
     throw UpdateError((NoexceptFormat("section-key: '%s'-'%s' not found") % section % key).str());
   }
@@ -121,7 +131,7 @@ void Config::__Set(const std::string& section, const std::string& key, const T& 
   FileLock lock(RootPath(kConfigLock), kConfigLockTimeout);
   Json::Value root(Json::objectValue);
   try {
-    root = ReadSections(*io_, local_path_);
+    root = *ReadSections(*io_, local_path_);
   } catch (const UpdateError&) {
     // No local file yet, or a corrupt one: it is replaced by the new value alone.
     root = Json::Value(Json::objectValue);
@@ -180,13 +190,15 @@ void Config::Set(const std::string& section, const std::string& key, bool value)
 }
 
 std::vector<std::string> Config::GetSections() const {
-  Json::Value root;
+  std::shared_ptr<const Json::Value> root;
   try {
-    root = ReadSections(*io_, local_path_);
+    root = ReadDocument(*io_, local_path_);
   } catch (const UpdateError&) {
-    root = ReadSections(*io_, default_path_);
+    // unreadable or undecodable: the default file decides, as for a missing one
   }
-  return root.getMemberNames();
+  if (!root || !root->isObject())
+    root = ReadSections(*io_, default_path_);
+  return root->getMemberNames();
 }
 
 ServiceConfig::ServiceConfig(std::shared_ptr<Config> config) : config_(std::move(config)) {

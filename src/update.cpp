@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <new>
 #include <optional>
+#include <typeinfo>
 
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
@@ -16,6 +17,7 @@
 #include "dataupdate/volume_handler.h"
 #include "info_document.h"
 #include "journal.h"
+#include "json_read.h"
 #include "log_sites.h"
 #include "manifest.h"
 #include "staged_tree.h"
@@ -252,19 +254,29 @@ std::string SignatureUrl(const std::string& url) {
 
 }  // namespace
 
-Json::Value InfoGetter::GetDatabaseInfo() const {
+namespace {
+
+// GetDatabaseInfo's work. The cached document is shared with the reading
+// kept by IOUtils rather than copied: each database's update looks it up twice,
+// and it lists every database.
+std::shared_ptr<const Json::Value> DatabaseInfo(const InfoGetter& getter, const IOUtils& io,
+                                                const ServiceConfig& config) {
   const std::string cache = platform::RootPath("/var/cache/data_update/database_info.json");
   try {
-    io_->VeskMkdir(platform::RootPath("/var/cache/data_update"));
+    io.VeskMkdir(platform::RootPath("/var/cache/data_update"));
     // Held while reading too, so a reader never sees a half-replaced document.
     FileLock lock(platform::RootPath("/run/data_update/fresh_info.lock"), kLockTimeout);
-    if (config_->GetVerifyInfo()) {
-      const std::string url = GetDatabaseUrl();
-      return VerifiedInfo(*io_, url, SignatureUrl(url), cache, config_->GetDBInfoVersion());
+    if (config.GetVerifyInfo()) {
+      const std::string url = getter.GetDatabaseUrl();
+      return std::make_shared<const Json::Value>(
+          VerifiedInfo(io, url, SignatureUrl(url), cache, config.GetDBInfoVersion()));
     }
-    if (VLIBCFileExist(cache.c_str()) == 0 || io_->FileCreateOver(cache, kCacheMaxAge))
-      return RefreshCache(*io_, GetDatabaseUrl(), cache);
-    return io_->ReadJson(cache);
+    if (VLIBCFileExist(cache.c_str()) == 0 || io.FileCreateOver(cache, kCacheMaxAge))
+      return std::make_shared<const Json::Value>(RefreshCache(io, getter.GetDatabaseUrl(), cache));
+    auto document = ReadJsonShared(io, cache);
+    if (!document)
+      throw UpdateError("File not exist: " + cache, UpdateError::kFileNotExist);
+    return document;
   } catch (const UpdateError& e) {
     log::Write(log::site::kFreshInfoFailed);
     log::Write(log::site::kFreshInfoError, std::string(e.what()));
@@ -272,8 +284,23 @@ Json::Value InfoGetter::GetDatabaseInfo() const {
   }
 }
 
+// The document as GetDatabaseInfo gives it, shared where it is the library's own.
+std::shared_ptr<const Json::Value> SharedInfo(const InfoGetter& getter, const IOUtils& io,
+                                              const ServiceConfig& config) {
+  if (typeid(getter) != typeid(InfoGetter))
+    return std::make_shared<const Json::Value>(getter.GetDatabaseInfo());  // a substitute's
+  return DatabaseInfo(getter, io, config);
+}
+
+}  // namespace
+
+Json::Value InfoGetter::GetDatabaseInfo() const {
+  return *DatabaseInfo(*this, *io_, *config_);
+}
+
 RemoteInfo InfoGetter::GetRemoteInfo(const std::string& id) const {
-  const Json::Value document = GetDatabaseInfo();
+  const auto shared = SharedInfo(*this, *io_, *config_);
+  const Json::Value& document = *shared;
   Json::Value entry = MemberOf(MemberOf(document, "db_list"), id);
   if (!entry.isObject() && !entry.isNull())
     throw UpdateError("Invalid json object for RemoteInfo");
@@ -286,8 +313,8 @@ RemoteInfo InfoGetter::GetRemoteInfo(const std::string& id) const {
 }
 
 std::map<int, DiffInfo> InfoGetter::GetDiffInfos(const std::string& id) const {
-  const Json::Value document = GetDatabaseInfo();
-  const Json::Value& files = MemberOf(MemberOf(MemberOf(document, "db_list"), id), "diff_files");
+  const auto document = SharedInfo(*this, *io_, *config_);
+  const Json::Value& files = MemberOf(MemberOf(MemberOf(*document, "db_list"), id), "diff_files");
   return ReadRecord("DiffInfo", [&files] { return DiffInfo::BatchFromJson(files); });
 }
 

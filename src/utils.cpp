@@ -20,10 +20,12 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <typeinfo>
 #include <vector>
 
 #include "dataupdate/error.h"
 #include "file_copy.h"
+#include "json_read.h"
 #include "log_sites.h"
 #include "unique_fd.h"
 #include "vesk/fs.h"
@@ -62,17 +64,17 @@ class KeptDocuments {
   static constexpr time_t kSettled = 1;            // seconds
 
   // The document read from `path` while it had identity `seen`, if kept.
-  bool Find(const std::string& path, const struct stat& seen, Json::Value* value) {
+  std::shared_ptr<const Json::Value> Find(const std::string& path, const struct stat& seen) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto it = kept_.find(path);
     if (it == kept_.end() || !Same(it->second.identity, seen))
-      return false;
-    *value = it->second.value;
-    return true;
+      return nullptr;
+    return it->second.value;
   }
 
   // Keeps `value`, read from `path` between two stats that both gave `seen`.
-  void Keep(const std::string& path, const struct stat& seen, const Json::Value& value) {
+  void Keep(const std::string& path, const struct stat& seen,
+            std::shared_ptr<const Json::Value> value) {
     timespec now{};
     if (!S_ISREG(seen.st_mode) || static_cast<size_t>(seen.st_size) > kMaxFile ||
         clock_gettime(CLOCK_REALTIME, &now) != 0 || seen.st_ctim.tv_sec + kSettled >= now.tv_sec ||
@@ -88,7 +90,7 @@ class KeptDocuments {
       kept_.clear();
       bytes_ = 0;
     }
-    kept_.emplace(path, Entry{seen, value});
+    kept_.emplace(path, Entry{seen, std::move(value)});
     bytes_ += static_cast<size_t>(seen.st_size);
   }
 
@@ -102,7 +104,7 @@ class KeptDocuments {
  private:
   struct Entry {
     struct stat identity;
-    Json::Value value;
+    std::shared_ptr<const Json::Value> value;
   };
   std::mutex mutex_;
   std::map<std::string, Entry> kept_;
@@ -224,26 +226,30 @@ std::pair<std::int64_t, std::uint64_t> IOUtils::GetFsSize(const std::string& pat
   return {static_cast<std::int64_t>(space.available), space.capacity};
 }
 
-Json::Value IOUtils::ReadJson(const std::string& path) const {
+namespace {
+
+// ReadJson's work; nullptr for a missing file.
+std::shared_ptr<const Json::Value> ReadDocumentFile(const std::string& path) {
   struct stat before {};
   const bool found = stat(path.c_str(), &before) == 0;
   const bool seen = found && S_ISREG(before.st_mode);
   // Optional files (the local configuration) are missing more often than not.
   if (!found && (errno == ENOENT || errno == ENOTDIR))
-    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
-  Json::Value root;
-  if (seen && Kept().Find(path, before, &root))
-    return root;
-  std::ifstream in(path);
-  if (PathMissing(path)) {
-    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+    return nullptr;
+  if (seen) {
+    if (auto kept = Kept().Find(path, before))
+      return kept;
   }
+  std::ifstream in(path);
+  if (PathMissing(path))
+    return nullptr;
   if (!in.is_open())
     throw UpdateError("Fail to read: " + path);
   Json::Reader reader;
+  auto root = std::make_shared<Json::Value>();
   bool parsed = false;
   try {
-    parsed = reader.parse(in, root, true);
+    parsed = reader.parse(in, *root, true);
   } catch (const std::ios_base::failure&) {
     // The stream library throws on a read error (a directory, an I/O fault)
     // whatever the exception mask says.
@@ -258,6 +264,27 @@ Json::Value IOUtils::ReadJson(const std::string& path) const {
   if (seen && stat(path.c_str(), &after) == 0 && KeptDocuments::Same(before, after))
     Kept().Keep(path, before, root);
   return root;
+}
+
+}  // namespace
+
+Json::Value IOUtils::ReadJson(const std::string& path) const {
+  auto document = ReadDocumentFile(path);
+  if (!document)
+    throw UpdateError("File not exist: " + path, UpdateError::kFileNotExist);
+  return *document;
+}
+
+std::shared_ptr<const Json::Value> ReadJsonShared(const IOUtils& io, const std::string& path) {
+  if (typeid(io) == typeid(IOUtils))
+    return ReadDocumentFile(path);
+  try {
+    return std::make_shared<const Json::Value>(io.ReadJson(path));
+  } catch (const UpdateError& e) {
+    if (e.code() == UpdateError::kFileNotExist)
+      return nullptr;
+    throw;
+  }
 }
 
 void IOUtils::WriteJson(const std::string& path, const Json::Value& value) const {
