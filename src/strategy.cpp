@@ -399,14 +399,22 @@ void DiffStrategy::_DoSqlitePatch(const std::string& database_file, const std::s
   try {
     SQLite::Database db(database_file, SQLite::OPEN_READWRITE);
     sqlite3_set_authorizer(db.getHandle(), OwnDatabaseOnly, nullptr);
+    // The file is a copy prepared aside and installed files are not synced:
+    // SQLite's syncs would only write the copy to disk (all of it, at the
+    // first commit). The rollback journal stays, so a failed change still
+    // leaves the file as it was, but is kept between transactions: deleting or
+    // truncating it has ext4 write it out first. The temporary area goes at
+    // the end of the update. A write-ahead log, recorded in the file, stays.
+    db.exec("PRAGMA synchronous = OFF");
+    if (db.execAndGet("PRAGMA journal_mode").getString() == "delete")
+      db.exec("PRAGMA journal_mode = PERSIST");
     SQLite::Transaction transaction(db);
     std::ifstream in(diff_file);
     // A missing input would otherwise commit an empty change as success.
     if (!in.is_open())
       throw std::runtime_error("cannot open " + diff_file);
     // Room for the pages a large change set dirties, so that SQLite seldom
-    // spills them (each spill syncs the journal) before the commit. The
-    // journal and its syncs at the commit are as configured.
+    // spills them before the commit.
     db.exec("PRAGMA cache_size = -16384");
     std::string line;
     while (std::getline(in, line))
