@@ -43,7 +43,9 @@ bool WriteAt0(int fd, const std::string& text) {
 bool ExchangeWithSpare(const std::string& path, const std::string& text) {
   const std::string spare = path + ".spare";
   for (int attempt = 0; attempt < 8; ++attempt) {
-    UniqueFd fd(open(spare.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+    // Never blocks in the open (a FIFO put there) nor follows a link.
+    UniqueFd fd(
+        open(spare.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
     struct stat held {
     }, named{};
     if (!fd || flock(fd.get(), LOCK_EX) != 0 || fstat(fd.get(), &held) != 0 ||
