@@ -314,6 +314,14 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
     text.replace(text.find("\"20250602\""), 10, "\"29991231\"");
     return text;
   }();
+  // The same document, signed by the vendor as another document name ("v2").
+  const TempDir other;
+  fs::create_directories(other / "database_info");
+  fs::copy_file(info, other / "database_info/v2");
+  ASSERT_EQ(Shell(ShellQuote(VESKDBUD_PUBLISH_BIN) + " resign --out " + ShellQuote(other.path()) +
+                  " --key " + ShellQuote(repo.key_dir() + "/private.pem") + " >/dev/null"),
+            0);
+  const std::string renamed_signature = ReadFile(other / "database_info/v2.sig");
   const std::vector<Attack> attacks{
       {"another database's package as the diff and the full package",
        [&] { serve(db1 + "diff.pkg", db2_full)(), serve(db1 + "full.pkg", db2_full)(); }, "",
@@ -322,6 +330,8 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
        [&] { fs::remove(db1 + "diff.pkg"), serve(db1 + "full.pkg", db1_old)(); }, "",
        "veskdbud: package is for db1 20250601 (full), expected db1 20250602 (full)", true},
       {"the document rewritten", serve(info, forged), "",
+       "veskdbud: Refused database info: bad signature (", false},
+      {"the document signed under another name", serve(info + ".sig", renamed_signature), "",
        "veskdbud: Refused database info: bad signature (", false},
       {"an older signed document replayed",
        [&] { serve(info, old_info)(), serve(info + ".sig", old_signature)(); }, "",

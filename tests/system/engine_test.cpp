@@ -111,6 +111,8 @@ TEST_F(EngineTest, DiffChainOrItsFallbackEndsInTheRelease) {
        }},
       {"Diff chain does not lead to the published release: stray.txt is not in the release",
        [&](auto&) { WriteFile(prefix + "/stray.txt", "not published"); }},
+      {"Diff chain does not lead to the published release: blob.bin is missing",
+       [&](auto&) { fs::remove(prefix + "/blob.bin"); }},
       {"Fail to apply vcdiff on ",
        [&](auto&) {
          fs::remove(sandbox / "usr/vesk/sbin/veskdbudvcdiff");

@@ -1,6 +1,6 @@
 // The plan of an update over a temporary tree: every refusal and every
-// operation of a diff package's index, a full package's names, and the check
-// of targets against links already installed.
+// operation of a diff package's index, a full package's names, the check of
+// targets against links already installed, and of a package's binding.
 #include "package_plan.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +11,7 @@
 #include <boost/filesystem.hpp>
 
 #include "dataupdate/io_utils.h"
+#include "package_binding.h"
 #include "test_support.h"
 
 namespace fs = boost::filesystem;
@@ -143,3 +144,37 @@ TEST_F(PackagePlanTest, TargetsMustResolveInsideAlsoThroughInstalledLinks) {
 }
 
 }  // namespace
+
+// A verified package installs only what was asked for: its database and kind,
+// the announced version (an older or a newer one is someone else's) and, for a
+// diff, the version it starts from.
+TEST(PackageBindingTest, OnlyTheAskedDatabaseKindVersionAndStartAreAccepted) {
+  const auto bound = [](const std::string& database, int version, int from) {
+    PackageBinding b;
+    b.database = database, b.version = version, b.full = from < 0, b.from = from;
+    return b;
+  };
+  const ExpectedBinding full{"db1", 3, true, -1, false}, diff{"db1", 3, false, 2, false};
+  const ExpectedBinding any{"db1", 0, true, -1, true};
+  const std::string want_full = ", expected db1 3 (full)",
+                    want_diff = ", expected db1 3 (diff from 2)";
+  const std::tuple<PackageBinding, ExpectedBinding, std::string> rows[] = {
+      {bound("db1", 3, -1), full, ""},
+      {bound("db1", 9, -1), any, ""},
+      {bound("db1", 3, 2), diff, ""},
+      {bound("db1", 4, -1), full, "db1 4 (full)" + want_full},
+      {bound("db1", 2, -1), full, "db1 2 (full)" + want_full},
+      {bound("db2", 3, -1), full, "db2 3 (full)" + want_full},
+      {bound("db1", 3, 2), full, "db1 3 (diff from 2)" + want_full},
+      {bound("db1", 3, 1), diff, "db1 3 (diff from 1)" + want_diff},
+      {bound("db1", 3, -1), diff, "db1 3 (full)" + want_diff},
+      {bound("db2", 9, -1), any, "db2 9 (full), expected db1 (full)"},
+  };
+  for (const auto& [actual, expected, error] : rows) {
+    SCOPED_TRACE(error);
+    if (error.empty())
+      EXPECT_NO_THROW(CheckBinding(actual, expected));
+    else
+      EXPECT_UPDATE_ERROR(CheckBinding(actual, expected), "package is for " + error);
+  }
+}
