@@ -33,19 +33,7 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
                   Compression compression) {
   ArchiveWritePtr a(archive_write_new());
   archive_write_set_format_pax_restricted(a.get());
-  switch (compression) {
-    case Compression::kNone:
-      break;
-    case Compression::kGzip:
-      archive_write_add_filter_gzip(a.get());
-      break;
-    case Compression::kXz:
-      archive_write_add_filter_xz(a.get());
-      break;
-    case Compression::kZstd:
-      archive_write_add_filter_zstd(a.get());
-      break;
-  }
+  archive_write_add_filter(a.get(), static_cast<int>(compression));
   if (archive_write_open_filename(a.get(), path.c_str()) != ARCHIVE_OK)
     throw std::runtime_error("cannot write " + path);
   for (const auto& e : entries) {

@@ -3,6 +3,8 @@
 // and a sandbox of trusted keys below VESKDBUD_ROOT.
 #pragma once
 
+#include <archive.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,7 +14,12 @@
 
 namespace vesk::test {
 
-enum class Compression { kNone, kGzip, kXz, kZstd };
+enum class Compression {
+  kNone = ARCHIVE_FILTER_NONE,
+  kGzip = ARCHIVE_FILTER_GZIP,
+  kXz = ARCHIVE_FILTER_XZ,
+  kZstd = ARCHIVE_FILTER_ZSTD
+};
 
 struct CraftEntry {
   enum Kind { kFile, kDir, kSymlink, kHardlink, kCharDevice, kBlockDevice, kFifo };

@@ -18,11 +18,8 @@ namespace vesk::test {
 using dataupdate::DiffInfo;
 using dataupdate::RemoteInfo;
 
-// Runs a shell command; returns its exit status (stdout/stderr inherited).
-int Shell(const std::string& command);
 // Runs a shell command and returns its stdout; fails the test when it exits non-zero.
 std::string Capture(const std::string& command);
-std::string ShellQuote(const std::string& text);
 
 class Repo {
  public:
