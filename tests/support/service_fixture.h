@@ -5,6 +5,7 @@
 
 #include <json/writer.h>
 
+#include <boost/filesystem.hpp>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +34,10 @@ class ServiceTest : public ::testing::Test {
   void SetUp() override { InstallTrust(sandbox, repo); }
 
   std::string Prefix(const std::string& id) const { return volume + "/@database/autoupdate/" + id; }
+  bool NoTemporaryFiles() const {
+    const std::string tmp = volume + "/@tmp/data_update";
+    return !boost::filesystem::exists(tmp) || boost::filesystem::is_empty(tmp);
+  }
   std::string Cache() const { return sandbox.Path("/var/cache/data_update/database_info.json"); }
   std::string StatusPath(const std::string& id) const {
     return sandbox.Path("/var/lib/data_update/" + id + "/version.json");

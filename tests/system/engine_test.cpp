@@ -12,7 +12,7 @@
 #include "dataupdate/strategy.h"
 #include "dataupdate/updater.h"
 #include "package_craft.h"
-#include "repo_fixture.h"
+#include "service_fixture.h"
 #include "signing.h"
 
 namespace fs = boost::filesystem;
@@ -29,10 +29,10 @@ std::string Rows(int from, int to) {
 
 const DatabaseStatus kNever{-1, 0, {}};
 
-class EngineTest : public ::testing::Test {
+class EngineTest : public ServiceTest {
  protected:
   void SetUp() override {
-    InstallTrust(sandbox, repo);
+    ServiceTest::SetUp();
     WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   }
 
@@ -53,16 +53,7 @@ class EngineTest : public ::testing::Test {
     return DiffInfo(repo.BaseUrl() + "/" + name, 100);
   }
 
-  bool NoTemporaryFiles() const {
-    const std::string tmp = volume + "/@tmp/data_update";
-    return !fs::exists(tmp) || fs::is_empty(tmp);
-  }
-
-  Sandbox sandbox;
-  Repo repo;
-  LogCapture log;
-  std::string volume = sandbox.volume();
-  std::string prefix = sandbox.volume() + "/@database/autoupdate/db1";
+  std::string prefix = Prefix("db1");
 };
 
 // A chain of diffs ends in the release; every failure (crafted diffs through

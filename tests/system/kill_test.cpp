@@ -58,9 +58,7 @@ class KillTest : public ServiceTest {
     return volume + "/@database/autoupdate/.db1.staging" + (name.empty() ? "" : "/" + name);
   }
   std::string ManifestPath() const { return sandbox.Path("/var/lib/data_update/db1/manifest"); }
-  std::string Tmp(const std::string& name = "") const {
-    return volume + "/@tmp/data_update" + (name.empty() ? "" : "/" + name);
-  }
+  std::string Tmp(const std::string& name) const { return volume + "/@tmp/data_update/" + name; }
 
   // Release `n` of the fixture plus kMany small files, all changed when
   // `change_many` (otherwise as in the release before), published and due.
@@ -170,7 +168,7 @@ class KillTest : public ServiceTest {
     const DatabaseStatus status = service.info->GetDatabaseStatus("db1");
     EXPECT_TRUE(CheckStatus(status.file_statuses, Prefix("db1")));
     EXPECT_FALSE(Fixer("db1", RemoteInfo(), volume, Prefix("db1"), volume).IsFixNeeded(status));
-    EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
+    EXPECT_TRUE(NoTemporaryFiles());
     EXPECT_FALSE(Exists(Staging()));
     const std::string journal = sandbox.Path("/var/lib/data_update/journal");
     EXPECT_TRUE(!fs::exists(journal) || fs::is_empty(journal));
@@ -276,7 +274,7 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   // What a status display calls first clears the left-overs without an update.
   FinishInterruptedWork();
   EXPECT_FALSE(Exists(Staging()));
-  EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
+  EXPECT_TRUE(NoTemporaryFiles());
 
   update();
   ExpectInstalled(4);
