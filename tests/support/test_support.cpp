@@ -1,11 +1,8 @@
 #include "test_support.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <json/reader.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -184,16 +181,8 @@ void HttpServer::SetFaults(const std::string& rules) const {
 }
 
 int UnusedPort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(fd);  // nothing listens: a connection is refused
-  return ntohs(addr.sin_port);
+  const TempDir dir;
+  return HttpServer(dir.path()).port();  // stopped at once: nothing listens there any more
 }
 
 std::string ShellQuote(const std::string& text) {

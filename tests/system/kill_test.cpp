@@ -2,7 +2,6 @@
 // extracting, patching, replacing (whole package and diff), before the status.
 // No lock stays held, the status is the previous one, and the next run ends
 // with exactly the published files, unaffected by the killed run's leftovers.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -132,15 +131,11 @@ class KillTest : public ServiceTest {
   // orphans; they hold no lock (checked before this), and are ended here, by
   // their process id, so that the next run is not raced by them.
   void EndOrphans() const {
-    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-    ASSERT_TRUE(proc);
-    while (const dirent* entry = readdir(proc.get())) {
-      const pid_t pid = std::atoi(entry->d_name);
-      if (pid <= 0 || pid == getpid())
-        continue;
-      std::ifstream in("/proc/" + std::string(entry->d_name) + "/cmdline");
-      std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      if (cmdline.find(sandbox.root()) != std::string::npos)
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+      const pid_t pid = std::atoi(entry.path().filename().c_str());
+      std::ifstream in(entry.path().string() + "/cmdline");
+      const std::string cmdline{std::istreambuf_iterator<char>(in), {}};
+      if (pid > 0 && pid != getpid() && cmdline.find(sandbox.root()) != std::string::npos)
         kill(pid, SIGKILL);
     }
     std::this_thread::sleep_for(100ms);

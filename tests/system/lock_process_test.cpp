@@ -1,11 +1,10 @@
 // Lock files between real processes: the time limits of FileLock and of the
 // exported reader lock, readers sharing, writers and readers waiting for each
-// other, and configuration writers serialised by "/run/data_update/config.lock".
+// other.
 #include <chrono>
 #include <memory>
 #include <thread>
 
-#include "dataupdate/config.h"
 #include "dataupdate/error.h"
 #include "dataupdate/file_lock.h"
 #include "dataupdate/project_lock.h"
@@ -106,21 +105,4 @@ TEST_F(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) 
       holder.Send('R');
     EXPECT_EQ(holder.Wait(), 0);
   }
-}
-
-TEST_F(LockProcessTest, ConfigSetWaitsWhileAnotherProcessHoldsTheConfigurationLock) {
-  const std::string lock_path = sandbox.Path("/run/data_update/config.lock");
-  ForkedChild holder([&](const ForkedChild::Channel& parent) {
-    FileLock lock(lock_path, 0);
-    parent.Send('L');
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    return 0;
-  });
-  ASSERT_EQ(holder.Receive(), 'L');
-  ServiceConfig service(std::make_shared<Config>(std::make_shared<IOUtils>()));
-  const auto start = std::chrono::steady_clock::now();
-  service.SetCurVolume("/mnt/v9");
-  EXPECT_GE(SecondsSince(start), 0.3);
-  EXPECT_EQ(service.GetCurVolume(), "/mnt/v9");
-  EXPECT_EQ(holder.Wait(), 0);
 }
