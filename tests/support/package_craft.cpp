@@ -13,22 +13,6 @@
 
 namespace vesk::test {
 
-CraftEntry FileEntry(const std::string& name, const std::string& content) {
-  return {CraftEntry::kFile, name, content, "", 0};
-}
-CraftEntry DirEntry(const std::string& name) {
-  return {CraftEntry::kDir, name, "", "", 0};
-}
-CraftEntry SymlinkEntry(const std::string& name, const std::string& target) {
-  return {CraftEntry::kSymlink, name, "", target, 0};
-}
-CraftEntry HardlinkEntry(const std::string& name, const std::string& original) {
-  return {CraftEntry::kHardlink, name, "", original, 0};
-}
-CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind) {
-  return {kind, name, "", "", 0};
-}
-
 void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
                   Compression compression) {
   ArchiveWritePtr a(archive_write_new());
@@ -87,11 +71,6 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
 void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::string& name) {
   WriteFile(root + "/usr/vesk/etc/keys/" + std::to_string(key_type) + "/" + name + ".pem",
             publish::PublicKeyPem(key));
-}
-
-std::string DiffBinding(const std::string& id, int version, const std::string& manifest) {
-  return R"({"database":")" + id + R"(","kind":"diff","from":)" + std::to_string(version - 1) +
-         R"(,"manifest":)" + manifest + R"(,"version":)" + std::to_string(version) + "}";
 }
 
 std::vector<std::string> ListTree(const std::string& dir) {

@@ -34,10 +34,6 @@ void Repo::SetFile(const std::string& id, int version, const std::string& name,
   WriteFile(SourceDir(id, version) + "/" + name, content);
 }
 
-void Repo::RemoveFile(const std::string& id, int version, const std::string& name) {
-  fs::remove(SourceDir(id, version) + "/" + name);
-}
-
 void Repo::CopyVersion(const std::string& id, int from, int to) {
   const std::string target = SourceDir(id, to);
   fs::remove_all(target);

@@ -26,7 +26,6 @@ class Repo {
   Repo();
   void SetFile(const std::string& id, int version, const std::string& name,
                const std::string& content);
-  void RemoveFile(const std::string& id, int version, const std::string& name);
   void CopyVersion(const std::string& id, int from, int to);
   void Sql(const std::string& id, int version, const std::string& name, const std::string& sql);
   std::string SourceDir(const std::string& id, int version) const;
@@ -43,8 +42,6 @@ class Repo {
   const HttpServer& server() const { return *server_; }
   const std::string& key_dir() const { return key_dir_; }
   const std::string& out_dir() const { return out_; }
-  // The directory served as the server's root ("/repo" is out_dir()).
-  std::string served_dir() const { return out_.substr(0, out_.rfind('/')); }
 
   static constexpr const char* kDbVer = "v1";
 

@@ -372,7 +372,7 @@ TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused)
                 "  client_body_temp_path " + (tls / "body") + ";\n" +
                 "  server {\n    listen 127.0.0.1:" + port + " ssl;\n    ssl_certificate " +
                 (tls / "server.pem") + ";\n    ssl_certificate_key " + (tls / "server.key") +
-                ";\n    root " + repo.served_dir() + ";\n  }\n}\n");
+                ";\n    root " + fs::path(repo.out_dir()).parent_path().string() + ";\n  }\n}\n");
   ForkedChild nginx([&](const ForkedChild::Channel&) {
     execl("/usr/sbin/nginx", "nginx", "-e", (tls / "error.log").c_str(), "-c",
           (tls / "nginx.conf").c_str(), static_cast<char*>(nullptr));

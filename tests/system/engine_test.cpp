@@ -49,7 +49,9 @@ class EngineTest : public ServiceTest {
                  {FileEntry("patch_infos.json", index), FileEntry("new.txt", "new")});
     auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
     vesk::publish::SignArchive(sandbox / "diff.tar", repo.out_dir() + "/" + name, key.get(), 6,
-                               DiffBinding("db1", version, manifest));
+                               R"({"database":"db1","kind":"diff","from":)" +
+                                   std::to_string(version - 1) + R"(,"manifest":)" + manifest +
+                                   R"(,"version":)" + std::to_string(version) + "}");
     return DiffInfo(repo.BaseUrl() + "/" + name, 100);
   }
 
@@ -79,7 +81,7 @@ TEST_F(EngineTest, DiffChainOrItsFallbackEndsInTheRelease) {
            "WHERE id % 10 = 0;");
   repo.CopyVersion("db1", 2, 3);
   repo.SetFile("db1", 3, "readme.txt", "version three, longer than before\n");
-  repo.RemoveFile("db1", 3, "extra/new.txt");
+  fs::remove(repo.SourceDir("db1", 3) + "/extra/new.txt");
   repo.Sql("db1", 3, "data/items.db",
            Rows(201, 260) + "DELETE FROM items WHERE id < 5; CREATE INDEX names ON items(name);");
   std::string table(5000, 'a');
