@@ -21,23 +21,15 @@ namespace {
 constexpr double kOneAttempt = 0.09;
 constexpr char kLocked = 'L';
 
-class LockProcessTest : public ::testing::Test {
- protected:
-  LockProcessTest() {
-    sandbox.Write("/usr/share/data_update/databases.conf", R"({"db1": {}})");
-    sandbox.Write("/usr/share/data_update/data_update.conf", R"({"config": {}})");
-    FileLock create(using_path, 0);  // the lock file exists once a writer has run
-  }
-
-  Sandbox sandbox;
-  const std::string using_path = sandbox.Path("/run/data_update/using_db1.lock");
-};
-
 }  // namespace
 
 // A child holds the lock of db1 as a writer (FileLock) or a reader (the exported
 // lock) for `hold_ms`, or until told, while this process asks for it with `timeout`.
-TEST_F(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) {
+TEST(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) {
+  const Sandbox sandbox;
+  sandbox.Write("/usr/share/data_update/databases.conf", R"({"db1": {}})");
+  const std::string using_path = sandbox.Path("/run/data_update/using_db1.lock");
+  { FileLock create(using_path, 0); }  // the lock file exists once a writer has run
   struct Case {
     bool holder_writes;
     int hold_ms;  // 0: until the waiter is done

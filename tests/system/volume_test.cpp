@@ -21,10 +21,7 @@ namespace {
 
 constexpr unsigned long long kMiB = 1ull << 20;
 
-class VolumeTest : public ServiceTest {
- protected:
-  Service service;
-};
+using VolumeTest = ServiceTest;
 
 // /volume1 (4 MiB) and /volume2, /volume3 (16 MiB); db1 reserves 8 MiB on the
 // volume, db2 lives on the root file system.
@@ -37,6 +34,7 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
   Release("db1", 0);
   Release("db2", 0);
   ASSERT_EQ(repo.Publish(), 0);
+  Service service;
   const std::string db2 = sandbox.Path("/var/db/db2");
   const std::string local = sandbox.Path("/usr/vesk/etc/data_update");
 
