@@ -356,16 +356,13 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
 TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused) {
   const TempDir tls;
   const std::string port = std::to_string(UnusedPort());
-  const std::string make_certificates =
-      "cd " + ShellQuote(tls.path()) +
-      " && openssl req -x509 -newkey ed25519 -nodes -subj /CN=test-ca -days 2 -keyout ca.key"
-      " -out ca.pem"
-      " && openssl req -newkey ed25519 -nodes -subj /CN=localhost -keyout server.key -out "
-      "server.csr"
-      " && printf 'subjectAltName=DNS:localhost\\n' > san"
-      " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2"
-      " -extfile san -out server.pem";
-  ASSERT_EQ(Shell("(" + make_certificates + ") >/dev/null 2>&1"), 0);
+  ASSERT_EQ(Shell("cd " + ShellQuote(tls.path()) + R"( && (set -e
+openssl req -x509 -newkey ed25519 -nodes -subj /CN=test-ca -days 2 -keyout ca.key -out ca.pem
+openssl req -newkey ed25519 -nodes -subj /CN=localhost -keyout server.key -out server.csr
+printf 'subjectAltName=DNS:localhost\n' > san
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile san \
+  -out server.pem) >/dev/null 2>&1)"),
+            0);
   WriteFile(tls / "nginx.conf",
             "daemon off; master_process off; pid " + (tls / "nginx.pid") + "; error_log " +
                 (tls / "error.log") + ";\nevents {}\nhttp {\n  access_log off;\n" +

@@ -89,9 +89,7 @@ TEST(ProjectLock, ReadersShareADescriptorAndEveryOtherCaseIsMinusTwoAndLogged) {
   EXPECT_TRUE(fcntl(first, F_GETFD) & FD_CLOEXEC);
   VESKDBUDReleaseFileLock(first);
   EXPECT_EQ(fcntl(first, F_GETFD), -1) << "released descriptors are closed";
-  EXPECT_UPDATE_ERROR(FileLock(lock_path("db1"), 0), "Fail to lock " + lock_path("db1"));
   VESKDBUDReleaseFileLock(second);
-  EXPECT_NO_THROW(FileLock(lock_path("db1"), 0));
   EXPECT_TRUE(log.Matching("project_lock.cpp").empty());
 
   VESKDBUDReleaseFileLock(-1);
