@@ -81,11 +81,11 @@ class CliTest : public ::testing::Test {
   }
 
   // db1: two files, db2: one file, both at kV1 and published.
-  void PublishFirst() {
+  void PublishFirst(const std::vector<std::string>& publish_args = {}) {
     repo.SetFile("db1", kV1, "readme.txt", "db1 release one\n");
     repo.SetFile("db1", kV1, "rules/web.rules", Rules());
     repo.SetFile("db2", kV1, "list.txt", "db2 release one\n");
-    ASSERT_EQ(repo.Publish(), 0);
+    ASSERT_EQ(repo.Publish(publish_args), 0);
   }
 
   void PublishSecondAndThird() {
@@ -259,10 +259,7 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
   sandbox.Write("/usr/vesk/etc/data_update/data_update.conf",
                 "{\"config\": {\"verify_info\": true}}");
   const long long now = static_cast<long long>(std::time(nullptr));
-  repo.SetFile("db1", kV1, "readme.txt", "db1 release one\n");
-  repo.SetFile("db1", kV1, "rules/web.rules", Rules());
-  repo.SetFile("db2", kV1, "list.txt", "db2 release one\n");
-  ASSERT_EQ(repo.Publish({"--issued", std::to_string(now - 600)}), 0);
+  PublishFirst({"--issued", std::to_string(now - 600)});
   ASSERT_EQ(Cli("update --all").status, 0);
   const std::string info = repo.out_dir() + "/database_info/v1";
   const std::string old_info = ReadFile(info), old_signature = ReadFile(info + ".sig");
