@@ -38,10 +38,9 @@ TEST(Records, EveryWrongShapeFailsWithTheRecordsMessage) {
   // An array or a scalar where an object belongs (a batch of diffs has no members).
   for (const char* text : {"[]", "null", "7", R"("text")"}) {
     SCOPED_TRACE(text);
-    for (const auto& [name, read] : readers) {
+    for (const auto& [name, read] : readers)
       if (name != "DiffInfos")
         EXPECT_UPDATE_ERROR(read(vesk::test::ParseJson(text)), "Invalid json object for " + name);
-    }
   }
 }
 
