@@ -27,35 +27,21 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
     archive_entry_set_mtime(entry.get(), 1000000000, 0);
     archive_entry_set_uid(entry.get(), 4321);  // nobody's: extraction must not restore it
     archive_entry_set_gid(entry.get(), 4321);
-    switch (e.kind) {
-      case CraftEntry::kFile:
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(e.content.size()));
-        break;
-      case CraftEntry::kDir:
-        archive_entry_set_filetype(entry.get(), AE_IFDIR);
-        archive_entry_set_perm(entry.get(), 0755);
-        break;
-      case CraftEntry::kSymlink:
-        archive_entry_set_filetype(entry.get(), AE_IFLNK);
-        archive_entry_set_symlink(entry.get(), e.link.c_str());
-        break;
-      case CraftEntry::kHardlink:
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_hardlink(entry.get(), e.link.c_str());
-        break;
-      case CraftEntry::kCharDevice:
-        archive_entry_set_filetype(entry.get(), AE_IFCHR);
-        archive_entry_set_rdev(entry.get(), makedev(1, 3));  // what /dev/null is
-        break;
-      case CraftEntry::kBlockDevice:
-        archive_entry_set_filetype(entry.get(), AE_IFBLK);
-        archive_entry_set_rdev(entry.get(), makedev(7, 0));
-        break;
-      case CraftEntry::kFifo:
-        archive_entry_set_filetype(entry.get(), AE_IFIFO);
-        break;
-    }
+    // The file type of each CraftEntry::Kind, in its order.
+    constexpr unsigned kTypes[] = {AE_IFREG, AE_IFDIR, AE_IFLNK, AE_IFREG,
+                                   AE_IFCHR, AE_IFBLK, AE_IFIFO};
+    archive_entry_set_filetype(entry.get(), kTypes[e.kind]);
+    archive_entry_set_size(entry.get(), static_cast<la_int64_t>(e.content.size()));
+    if (e.kind == CraftEntry::kDir)
+      archive_entry_set_perm(entry.get(), 0755);
+    if (e.kind == CraftEntry::kSymlink)
+      archive_entry_set_symlink(entry.get(), e.link.c_str());
+    if (e.kind == CraftEntry::kHardlink)
+      archive_entry_set_hardlink(entry.get(), e.link.c_str());
+    if (e.kind == CraftEntry::kCharDevice)
+      archive_entry_set_rdev(entry.get(), makedev(1, 3));  // what /dev/null is
+    if (e.kind == CraftEntry::kBlockDevice)
+      archive_entry_set_rdev(entry.get(), makedev(7, 0));
     if (e.mode != 0)
       archive_entry_set_perm(entry.get(), static_cast<mode_t>(e.mode));
     if (archive_write_header(a.get(), entry.get()) < ARCHIVE_WARN)

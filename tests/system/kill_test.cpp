@@ -10,7 +10,6 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <thread>
 
 #include "dataupdate/file_lock.h"
@@ -76,14 +75,10 @@ class KillTest : public ServiceTest {
 
   // The lock files of the service that another process could not take now.
   std::string HeldLocks() const {
-    std::string held;
-    for (const char* name : {"update_any.lock", "update_db1.lock", "fresh_info.lock",
-                             "using_db1.lock", "config.lock"}) {
-      const std::string path = sandbox.Path(std::string("/run/data_update/") + name);
-      if (Exists(path) && Shell("flock -n " + ShellQuote(path) + " true") != 0)
-        held += std::string(name) + " ";
-    }
-    return held;
+    return Capture(
+        "cd " + ShellQuote(sandbox.Path("/run/data_update")) +
+        " 2>/dev/null && for f in update_any update_db1 fresh_info using_db1 config; do"
+        " [ -e $f.lock ] && ! flock -n $f.lock true && printf '%s ' $f.lock; done; true");
   }
 
   // Runs `operation` in a child and kills it with SIGKILL as soon as

@@ -13,7 +13,6 @@
 
 using namespace vesk::dataupdate;
 using namespace vesk::test;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -70,7 +69,7 @@ TEST(LockProcessTest, WritersAndReadersWaitForEachOtherWithinTheirTimeLimits) {
     });
     ASSERT_EQ(holder.Receive(), kLocked);
     LogCapture log;
-    const auto start = Clock::now();
+    const auto start = std::chrono::steady_clock::now();
     bool granted = true;
     if (c.waiter_writes) {
       try {

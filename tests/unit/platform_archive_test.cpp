@@ -157,9 +157,8 @@ TEST_F(ArchiveTest, HostileEntriesAreRefusedBeforeAnyEntryIsWritten) {
   }
 }
 
-// Without overwriting, an existing name is refused before any entry is written.
-// Links in place, and replacing with overwriting, are the fuzz replay's
-// "prefilled" seeds, held to the same rules.
+// Without overwriting, an existing name is refused before any entry is written
+// (links in place and overwriting: the fuzz replay's "prefilled" seeds).
 TEST_F(ArchiveTest, AnExistingNameIsRefusedWithoutOverwriting) {
   WriteFile(target + "/f", "old");
   EXPECT_EQ(Extract(Package({FileEntry("new", "n"), FileEntry("f", "new")}), 0),
