@@ -17,7 +17,9 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
                   Compression compression) {
   ArchiveWritePtr a(archive_write_new());
   archive_write_set_format_pax_restricted(a.get());
-  archive_write_add_filter(a.get(), static_cast<int>(compression));
+  constexpr int kFilters[] = {ARCHIVE_FILTER_NONE, ARCHIVE_FILTER_GZIP, ARCHIVE_FILTER_XZ,
+                              ARCHIVE_FILTER_ZSTD};  // in Compression's order
+  archive_write_add_filter(a.get(), kFilters[static_cast<int>(compression)]);
   if (archive_write_open_filename(a.get(), path.c_str()) != ARCHIVE_OK)
     throw std::runtime_error("cannot write " + path);
   for (const auto& e : entries) {

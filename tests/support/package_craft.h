@@ -3,8 +3,6 @@
 // and a sandbox of trusted keys below VESKDBUD_ROOT.
 #pragma once
 
-#include <archive.h>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,12 +12,7 @@
 
 namespace vesk::test {
 
-enum class Compression {
-  kNone = ARCHIVE_FILTER_NONE,
-  kGzip = ARCHIVE_FILTER_GZIP,
-  kXz = ARCHIVE_FILTER_XZ,
-  kZstd = ARCHIVE_FILTER_ZSTD
-};
+enum class Compression { kNone, kGzip, kXz, kZstd };
 
 struct CraftEntry {
   enum Kind { kFile, kDir, kSymlink, kHardlink, kCharDevice, kBlockDevice, kFifo };
