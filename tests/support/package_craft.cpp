@@ -13,39 +13,13 @@
 
 namespace vesk::test {
 
-CraftEntry FileEntry(const std::string& name, const std::string& content) {
-  return {CraftEntry::kFile, name, content, "", 0};
-}
-CraftEntry DirEntry(const std::string& name) {
-  return {CraftEntry::kDir, name, "", "", 0};
-}
-CraftEntry SymlinkEntry(const std::string& name, const std::string& target) {
-  return {CraftEntry::kSymlink, name, "", target, 0};
-}
-CraftEntry HardlinkEntry(const std::string& name, const std::string& original) {
-  return {CraftEntry::kHardlink, name, "", original, 0};
-}
-CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind) {
-  return {kind, name, "", "", 0};
-}
-
 void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
                   Compression compression) {
   ArchiveWritePtr a(archive_write_new());
   archive_write_set_format_pax_restricted(a.get());
-  switch (compression) {
-    case Compression::kNone:
-      break;
-    case Compression::kGzip:
-      archive_write_add_filter_gzip(a.get());
-      break;
-    case Compression::kXz:
-      archive_write_add_filter_xz(a.get());
-      break;
-    case Compression::kZstd:
-      archive_write_add_filter_zstd(a.get());
-      break;
-  }
+  constexpr int kFilters[] = {ARCHIVE_FILTER_NONE, ARCHIVE_FILTER_GZIP, ARCHIVE_FILTER_XZ,
+                              ARCHIVE_FILTER_ZSTD};  // in Compression's order
+  archive_write_add_filter(a.get(), kFilters[static_cast<int>(compression)]);
   if (archive_write_open_filename(a.get(), path.c_str()) != ARCHIVE_OK)
     throw std::runtime_error("cannot write " + path);
   for (const auto& e : entries) {
@@ -55,35 +29,21 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
     archive_entry_set_mtime(entry.get(), 1000000000, 0);
     archive_entry_set_uid(entry.get(), 4321);  // nobody's: extraction must not restore it
     archive_entry_set_gid(entry.get(), 4321);
-    switch (e.kind) {
-      case CraftEntry::kFile:
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(e.content.size()));
-        break;
-      case CraftEntry::kDir:
-        archive_entry_set_filetype(entry.get(), AE_IFDIR);
-        archive_entry_set_perm(entry.get(), 0755);
-        break;
-      case CraftEntry::kSymlink:
-        archive_entry_set_filetype(entry.get(), AE_IFLNK);
-        archive_entry_set_symlink(entry.get(), e.link.c_str());
-        break;
-      case CraftEntry::kHardlink:
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_hardlink(entry.get(), e.link.c_str());
-        break;
-      case CraftEntry::kCharDevice:
-        archive_entry_set_filetype(entry.get(), AE_IFCHR);
-        archive_entry_set_rdev(entry.get(), makedev(1, 3));  // what /dev/null is
-        break;
-      case CraftEntry::kBlockDevice:
-        archive_entry_set_filetype(entry.get(), AE_IFBLK);
-        archive_entry_set_rdev(entry.get(), makedev(7, 0));
-        break;
-      case CraftEntry::kFifo:
-        archive_entry_set_filetype(entry.get(), AE_IFIFO);
-        break;
-    }
+    // The file type of each CraftEntry::Kind, in its order.
+    constexpr unsigned kTypes[] = {AE_IFREG, AE_IFDIR, AE_IFLNK, AE_IFREG,
+                                   AE_IFCHR, AE_IFBLK, AE_IFIFO};
+    archive_entry_set_filetype(entry.get(), kTypes[e.kind]);
+    archive_entry_set_size(entry.get(), static_cast<la_int64_t>(e.content.size()));
+    if (e.kind == CraftEntry::kDir)
+      archive_entry_set_perm(entry.get(), 0755);
+    if (e.kind == CraftEntry::kSymlink)
+      archive_entry_set_symlink(entry.get(), e.link.c_str());
+    if (e.kind == CraftEntry::kHardlink)
+      archive_entry_set_hardlink(entry.get(), e.link.c_str());
+    if (e.kind == CraftEntry::kCharDevice)
+      archive_entry_set_rdev(entry.get(), makedev(1, 3));  // what /dev/null is
+    if (e.kind == CraftEntry::kBlockDevice)
+      archive_entry_set_rdev(entry.get(), makedev(7, 0));
     if (e.mode != 0)
       archive_entry_set_perm(entry.get(), static_cast<mode_t>(e.mode));
     if (archive_write_header(a.get(), entry.get()) < ARCHIVE_WARN)
@@ -99,11 +59,6 @@ void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entrie
 void TrustKey(const std::string& root, EVP_PKEY* key, int key_type, const std::string& name) {
   WriteFile(root + "/usr/vesk/etc/keys/" + std::to_string(key_type) + "/" + name + ".pem",
             publish::PublicKeyPem(key));
-}
-
-std::string DiffBinding(const std::string& id, int version, const std::string& manifest) {
-  return R"({"database":")" + id + R"(","kind":"diff","from":)" + std::to_string(version - 1) +
-         R"(,"manifest":)" + manifest + R"(,"version":)" + std::to_string(version) + "}";
 }
 
 std::vector<std::string> ListTree(const std::string& dir) {

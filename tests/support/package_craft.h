@@ -23,18 +23,24 @@ struct CraftEntry {
   int mode = 0;         // permission bits; 0: 0644 (0755 for directories)
 };
 
-CraftEntry FileEntry(const std::string& name, const std::string& content);
-CraftEntry DirEntry(const std::string& name);
-CraftEntry SymlinkEntry(const std::string& name, const std::string& target);
-CraftEntry HardlinkEntry(const std::string& name, const std::string& original);
-CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind);
+inline CraftEntry FileEntry(const std::string& name, const std::string& content) {
+  return {CraftEntry::kFile, name, content, "", 0};
+}
+inline CraftEntry DirEntry(const std::string& name) {
+  return {CraftEntry::kDir, name, "", "", 0};
+}
+inline CraftEntry SymlinkEntry(const std::string& name, const std::string& target) {
+  return {CraftEntry::kSymlink, name, "", target, 0};
+}
+inline CraftEntry HardlinkEntry(const std::string& name, const std::string& original) {
+  return {CraftEntry::kHardlink, name, "", original, 0};
+}
+inline CraftEntry SpecialEntry(const std::string& name, CraftEntry::Kind kind) {
+  return {kind, name, "", "", 0};
+}
 
 void WriteTarball(const std::string& path, const std::vector<CraftEntry>& entries,
                   Compression compression = Compression::kZstd);
-
-// The binding of a diff package of `id` from `version` - 1 to `version`, as the
-// engine asks for it, with `manifest` (JSON text) as the release's files.
-std::string DiffBinding(const std::string& id, int version, const std::string& manifest = "{}");
 
 // Trusts `key` for `key_type`: writes its public PEM as
 // <root>/usr/vesk/etc/keys/<key_type>/<name>.pem.

@@ -1,7 +1,5 @@
 #include "repo_fixture.h"
 
-#include <sys/wait.h>
-
 #include <boost/filesystem.hpp>
 #include <memory>
 
@@ -10,23 +8,6 @@
 namespace fs = boost::filesystem;
 
 namespace vesk::test {
-
-std::string ShellQuote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
-
-int Shell(const std::string& command) {
-  int status = std::system(command.c_str());
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
-}
 
 std::string Capture(const std::string& command) {
   const CommandResult result = RunCommand({"/bin/sh", "-c", command});
@@ -51,10 +32,6 @@ std::string Repo::SourceDir(const std::string& id, int version) const {
 void Repo::SetFile(const std::string& id, int version, const std::string& name,
                    const std::string& content) {
   WriteFile(SourceDir(id, version) + "/" + name, content);
-}
-
-void Repo::RemoveFile(const std::string& id, int version, const std::string& name) {
-  fs::remove(SourceDir(id, version) + "/" + name);
 }
 
 void Repo::CopyVersion(const std::string& id, int from, int to) {

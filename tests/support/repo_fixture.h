@@ -18,18 +18,14 @@ namespace vesk::test {
 using dataupdate::DiffInfo;
 using dataupdate::RemoteInfo;
 
-// Runs a shell command; returns its exit status (stdout/stderr inherited).
-int Shell(const std::string& command);
 // Runs a shell command and returns its stdout; fails the test when it exits non-zero.
 std::string Capture(const std::string& command);
-std::string ShellQuote(const std::string& text);
 
 class Repo {
  public:
   Repo();
   void SetFile(const std::string& id, int version, const std::string& name,
                const std::string& content);
-  void RemoveFile(const std::string& id, int version, const std::string& name);
   void CopyVersion(const std::string& id, int from, int to);
   void Sql(const std::string& id, int version, const std::string& name, const std::string& sql);
   std::string SourceDir(const std::string& id, int version) const;
@@ -46,8 +42,6 @@ class Repo {
   const HttpServer& server() const { return *server_; }
   const std::string& key_dir() const { return key_dir_; }
   const std::string& out_dir() const { return out_; }
-  // The directory served as the server's root ("/repo" is out_dir()).
-  std::string served_dir() const { return out_.substr(0, out_.rfind('/')); }
 
   static constexpr const char* kDbVer = "v1";
 

@@ -3,9 +3,9 @@
 // digits, more than the port: a forced install rewrites them in the link.
 #pragma once
 
-#include <json/reader.h>
 #include <json/writer.h>
 
+#include <boost/filesystem.hpp>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,17 +34,17 @@ class ServiceTest : public ::testing::Test {
   void SetUp() override { InstallTrust(sandbox, repo); }
 
   std::string Prefix(const std::string& id) const { return volume + "/@database/autoupdate/" + id; }
+  bool NoTemporaryFiles() const {
+    const std::string tmp = volume + "/@tmp/data_update";
+    return !boost::filesystem::exists(tmp) || boost::filesystem::is_empty(tmp);
+  }
   std::string Cache() const { return sandbox.Path("/var/cache/data_update/database_info.json"); }
   std::string StatusPath(const std::string& id) const {
     return sandbox.Path("/var/lib/data_update/" + id + "/version.json");
   }
   // The status file as written; null when there is none.
   Json::Value Status(const std::string& id) const {
-    Json::Value status;
-    if (Exists(StatusPath(id))) {
-      EXPECT_TRUE(Json::Reader().parse(ReadFile(StatusPath(id)), status));
-    }
-    return status;
+    return Exists(StatusPath(id)) ? ParseJson(ReadFile(StatusPath(id))) : Json::Value();
   }
   // Version `kFirst + n` of `id`: a text file naming the release, 32 KiB that
   // do not compress with one byte changed per release (so the diff package is

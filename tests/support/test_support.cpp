@@ -1,25 +1,21 @@
 #include "test_support.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
+#include <json/reader.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace vesk::test {
 
@@ -56,12 +52,20 @@ ScopedEnv::~ScopedEnv() {
 LogCapture::LogCapture()
     : path_(dir_ / "log.txt"), env_("VESKDBUD_LOG_FILE", (dir_ / "log.txt").c_str()) {}
 
-std::vector<std::string> LogCapture::Lines() const {
+namespace {
+
+std::vector<std::string> ReadLines(const std::string& path) {
   std::vector<std::string> lines;
-  std::ifstream in(path_);
+  std::ifstream in(path);
   for (std::string line; std::getline(in, line);)
     lines.push_back(line);
   return lines;
+}
+
+}  // namespace
+
+std::vector<std::string> LogCapture::Lines() const {
+  return ReadLines(path_);
 }
 
 std::vector<std::string> LogCapture::Matching(const std::string& needle) const {
@@ -98,6 +102,12 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream ss;
   ss << in.rdbuf();
   return ss.str();
+}
+
+Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
+  return value;
 }
 
 bool Exists(const std::string& path) {
@@ -159,11 +169,7 @@ HttpServer::~HttpServer() {
 }
 
 std::vector<std::string> HttpServer::Requests() const {
-  std::vector<std::string> lines;
-  std::ifstream in(log_path_);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
+  return ReadLines(log_path_);
 }
 
 void HttpServer::SetFaults(const std::string& rules) const {
@@ -175,41 +181,34 @@ void HttpServer::SetFaults(const std::string& rules) const {
 }
 
 int UnusedPort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(fd);  // nothing listens: a connection is refused
-  return ntohs(addr.sin_port);
+  const TempDir dir;
+  return HttpServer(dir.path()).port();  // stopped at once: nothing listens there any more
+}
+
+std::string ShellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+int Shell(const std::string& command) {
+  const int status = std::system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
 CommandResult RunCommand(const std::vector<std::string>& argv) {
-  TempDir io;
-  const std::string out = io / "out", err = io / "err";
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> args;
-  for (const auto& a : argv)
-    args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0)
-    throw std::runtime_error("cannot run " + argv[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
+  const TempDir io;
+  std::string command = "exec";
+  for (const auto& arg : argv)
+    command += " " + ShellQuote(arg);
   CommandResult result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.out = ReadFile(out);
-  result.err = ReadFile(err);
+  const auto start = std::chrono::steady_clock::now();
+  result.status =
+      Shell(command + " </dev/null >" + ShellQuote(io / "out") + " 2>" + ShellQuote(io / "err"));
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.out = ReadFile(io / "out");
+  result.err = ReadFile(io / "err");
   return result;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <json/value.h>
 #include <sys/types.h>
 
 #include <string>
@@ -56,6 +57,8 @@ class LogCapture {
 
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
+// `text` parsed; fails the test when it is no JSON.
+Json::Value ParseJson(const std::string& text);
 bool Exists(const std::string& path);
 // `size` bytes that do not compress, the same for the same `seed`.
 std::string Pseudorandom(size_t size, unsigned seed);
@@ -83,11 +86,16 @@ class HttpServer {
   int port_ = 0;
 };
 
-// A finished process: exit status (-1 when killed) and what it printed.
+// Runs a shell command; returns its exit status (128 when killed; output inherited).
+int Shell(const std::string& command);
+std::string ShellQuote(const std::string& text);
+
+// A finished process: exit status (128 when killed), what it printed, how long it took.
 struct CommandResult {
   int status = -1;
   std::string out;
   std::string err;
+  double seconds = 0;
 };
 
 // Runs `argv` (argv[0] searched in PATH) with stdin from /dev/null and waits.

@@ -2,7 +2,6 @@
 // would against a published repository, judged by its exit status, its
 // output and what it leaves.
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,13 +43,6 @@ std::string Tool() {
   return Prefix() + "/bin/veskdbud";
 }
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-  double seconds = 0;
-};
-
 // Text that does not compress, so a small change makes a diff package far
 // smaller than the full one.
 std::string Rules(char changed_at_500 = 'w') {
@@ -59,12 +51,6 @@ std::string Rules(char changed_at_500 = 'w') {
     c = static_cast<char>('a' + static_cast<unsigned char>(c) % 26);
   text[500] = changed_at_500;
   return text;
-}
-
-Json::Value ParseJson(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
-  return value;
 }
 
 class CliTest : public ::testing::Test {
@@ -76,39 +62,30 @@ class CliTest : public ::testing::Test {
 
   // Runs the installed tool with `args` (already shell words), after `env`
   // assignments, with stdin from /dev/null.
-  Outcome Cli(const std::string& args, const std::string& env = "") const {
-    Outcome o;
-    const std::string out = io / "out", err = io / "err";
-    const auto start = std::chrono::steady_clock::now();
-    o.status = Shell(env + " " + ShellQuote(Tool()) + " " + args + " >" + ShellQuote(out) + " 2>" +
-                     ShellQuote(err) + " </dev/null");
-    o.seconds = SecondsSince(start);
-    o.out = ReadFile(out);
-    o.err = ReadFile(err);
-    return o;
+  CommandResult Cli(const std::string& args, const std::string& env = "") const {
+    return RunCommand({"/bin/sh", "-c", env + " " + ShellQuote(Tool()) + " " + args});
   }
 
   Json::Value Status(const std::string& id = "") const {
-    const Outcome o = Cli("status --json " + id);
+    const CommandResult o = Cli("status --json " + id);
     EXPECT_EQ(o.status, 0) << o.err;
     return ParseJson(o.out);
   }
 
   static Json::Value Entry(const Json::Value& status, const std::string& id) {
-    for (const Json::Value& db : status["databases"]) {
+    for (const Json::Value& db : status["databases"])
       if (db["id"].asString() == id)
         return db;
-    }
     ADD_FAILURE() << "no entry for " << id;
     return Json::Value();
   }
 
   // db1: two files, db2: one file, both at kV1 and published.
-  void PublishFirst() {
+  void PublishFirst(const std::vector<std::string>& publish_args = {}) {
     repo.SetFile("db1", kV1, "readme.txt", "db1 release one\n");
     repo.SetFile("db1", kV1, "rules/web.rules", Rules());
     repo.SetFile("db2", kV1, "list.txt", "db2 release one\n");
-    ASSERT_EQ(repo.Publish(), 0);
+    ASSERT_EQ(repo.Publish(publish_args), 0);
   }
 
   void PublishSecondAndThird() {
@@ -121,10 +98,11 @@ class CliTest : public ::testing::Test {
     SetAge(sandbox.Path("/var/cache/data_update/database_info.json"), 7200);
   }
 
-  void WriteServiceConfig(const std::string& netloc, const std::string& cur_volume) const {
+  void WriteServiceConfig(const std::string& netloc, const std::string& cur_volume,
+                          const std::string& scheme = "http") const {
     sandbox.Write("/usr/share/data_update/data_update.conf",
-                  "{\"config\": {\"download_scheme\": \"http\", \"db_netloc\": \"" + netloc +
-                      "\", \"db_ver\": \"v1\", \"cur_volume\": \"" + cur_volume + "\"}}");
+                  "{\"config\": {\"download_scheme\": \"" + scheme + "\", \"db_netloc\": \"" +
+                      netloc + "\", \"db_ver\": \"v1\", \"cur_volume\": \"" + cur_volume + "\"}}");
   }
 
   std::string Installed(const std::string& id) const {
@@ -148,7 +126,7 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
   repo.SetFile("db1", kV1, odd, "an odd name\n");
   PublishFirst();
   sandbox.Write("/etc/machine-id", "0123456789abcdef0123456789abcdef\n");
-  const Outcome update = Cli("update --all");
+  const CommandResult update = Cli("update --all");
   EXPECT_EQ(update.status, 0) << update.err;
   // The document is asked for with the machine's identity and every database, sorted.
   EXPECT_EQ(repo.server().Requests().at(0),
@@ -194,12 +172,12 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
     EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "") << name;
   }
   // The recorded result is found under the same root however it is spelled.
-  const Outcome slashed = Cli("status --json db1", "VESKDBUD_ROOT=" + sandbox.root() + "//");
+  const CommandResult slashed = Cli("status --json db1", "VESKDBUD_ROOT=" + sandbox.root() + "//");
   EXPECT_EQ(ParseJson(slashed.out)["databases"][0]["last_result"]["outcome"].asString(),
             "up to date");
   // Same size, other bytes: only fix sees it, and repairs only that database.
   WriteFile(Installed("db1") + "/rules/web.rules", Rules('t'));
-  const Outcome fix = Cli("fix");
+  const CommandResult fix = Cli("fix");
   EXPECT_EQ(fix.status, 0) << fix.err;
   EXPECT_EQ(fix.out, "db1: repaired: reinstalled 20250601\ndb2: files intact at 20250601\n");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "");
@@ -236,7 +214,7 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
   const std::string first = volume, second = sandbox / "volume2";
   fs::create_directories(second);
   const std::string both = "VESK_VOLUMES=" + first + ":" + second;
-  const Outcome moved = Cli("volume unmount " + first + "/", both);
+  const CommandResult moved = Cli("volume unmount " + first + "/", both);
   EXPECT_EQ(moved.status, 0) << moved.err;
   EXPECT_EQ(moved.out, "the databases moved from " + first + " to " + second + "\n");
   volume = second;
@@ -247,7 +225,7 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
             "the databases stay on " + second + "; " + first + " is not needed\n");
 
   // A forced install goes back on the new volume, and the next update returns.
-  const Outcome back = Cli("force-install db1 -2");
+  const CommandResult back = Cli("force-install db1 -2");
   EXPECT_EQ(back.status, 0) << back.err;
   EXPECT_EQ(back.out, "db1: installed 20250601 (forced; was 20250603)\n");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "");
@@ -281,10 +259,7 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
   sandbox.Write("/usr/vesk/etc/data_update/data_update.conf",
                 "{\"config\": {\"verify_info\": true}}");
   const long long now = static_cast<long long>(std::time(nullptr));
-  repo.SetFile("db1", kV1, "readme.txt", "db1 release one\n");
-  repo.SetFile("db1", kV1, "rules/web.rules", Rules());
-  repo.SetFile("db2", kV1, "list.txt", "db2 release one\n");
-  ASSERT_EQ(repo.Publish({"--issued", std::to_string(now - 600)}), 0);
+  PublishFirst({"--issued", std::to_string(now - 600)});
   ASSERT_EQ(Cli("update --all").status, 0);
   const std::string info = repo.out_dir() + "/database_info/v1";
   const std::string old_info = ReadFile(info), old_signature = ReadFile(info + ".sig");
@@ -350,7 +325,7 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
     if (Exists(cache))
       SetAge(cache, 7200);
     const size_t before = repo.server().Requests().size();
-    const Outcome o = Cli("update db1", attack.env);
+    const CommandResult o = Cli("update db1", attack.env);
     EXPECT_EQ(o.status, 1);
     EXPECT_EQ(o.err.rfind(attack.error, 0), 0u) << o.err;
     EXPECT_EQ(Snapshot(Installed("db1")), installed);
@@ -365,7 +340,7 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
   }
   ASSERT_EQ(Shell("cp -a " + ShellQuote(honest.path()) + "/. " + ShellQuote(repo.out_dir())), 0);
   SetAge(cache, 7200);
-  const Outcome o = Cli("update --all");
+  const CommandResult o = Cli("update --all");
   EXPECT_EQ(o.status, 0) << o.err;
   EXPECT_EQ(o.out, "db1: updated 20250601 -> 20250602\ndb2: up to date at 20250601\n");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV2)), "");
@@ -378,23 +353,20 @@ TEST_F(CliTest, SubstitutedPackagesAndForgedReplayedOrExpiredDocumentsAreRefused
 TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused) {
   const TempDir tls;
   const std::string port = std::to_string(UnusedPort());
-  const std::string make_certificates =
-      "cd " + ShellQuote(tls.path()) +
-      " && openssl req -x509 -newkey ed25519 -nodes -subj /CN=test-ca -days 2 -keyout ca.key"
-      " -out ca.pem"
-      " && openssl req -newkey ed25519 -nodes -subj /CN=localhost -keyout server.key -out "
-      "server.csr"
-      " && printf 'subjectAltName=DNS:localhost\\n' > san"
-      " && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2"
-      " -extfile san -out server.pem";
-  ASSERT_EQ(Shell("(" + make_certificates + ") >/dev/null 2>&1"), 0);
+  ASSERT_EQ(Shell("cd " + ShellQuote(tls.path()) + R"( && (set -e
+openssl req -x509 -newkey ed25519 -nodes -subj /CN=test-ca -days 2 -keyout ca.key -out ca.pem
+openssl req -newkey ed25519 -nodes -subj /CN=localhost -keyout server.key -out server.csr
+printf 'subjectAltName=DNS:localhost\n' > san
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile san \
+  -out server.pem) >/dev/null 2>&1)"),
+            0);
   WriteFile(tls / "nginx.conf",
             "daemon off; master_process off; pid " + (tls / "nginx.pid") + "; error_log " +
                 (tls / "error.log") + ";\nevents {}\nhttp {\n  access_log off;\n" +
                 "  client_body_temp_path " + (tls / "body") + ";\n" +
                 "  server {\n    listen 127.0.0.1:" + port + " ssl;\n    ssl_certificate " +
                 (tls / "server.pem") + ";\n    ssl_certificate_key " + (tls / "server.key") +
-                ";\n    root " + repo.served_dir() + ";\n  }\n}\n");
+                ";\n    root " + fs::path(repo.out_dir()).parent_path().string() + ";\n  }\n}\n");
   ForkedChild nginx([&](const ForkedChild::Channel&) {
     execl("/usr/sbin/nginx", "nginx", "-e", (tls / "error.log").c_str(), "-c",
           (tls / "nginx.conf").c_str(), static_cast<char*>(nullptr));
@@ -408,16 +380,11 @@ TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused)
   repo.SetFile("db1", kV1, "readme.txt", "db1 over https\n");
   repo.SetFile("db2", kV1, "list.txt", "db2 over https\n");
   ASSERT_EQ(repo.Publish({}, "https://localhost:" + port + "/repo"), 0);
-  const auto serve_from = [&](const std::string& host) {
-    sandbox.Write("/usr/share/data_update/data_update.conf",
-                  "{\"config\": {\"download_scheme\": \"https\", \"db_netloc\": \"" + host + ":" +
-                      port + "/repo\", \"db_ver\": \"v1\", \"cur_volume\": \"" + volume + "\"}}");
-  };
   WriteFile(tls / "wgetrc", "quiet = on\nca_certificate = " + (tls / "ca.pem") + "\n");
   const std::string trust = "WGETRC=" + ShellQuote(tls / "wgetrc");
 
-  serve_from("127.0.0.1");
-  const Outcome wrong = Cli("update --all", trust);
+  WriteServiceConfig("127.0.0.1:" + port + "/repo", volume, "https");
+  const CommandResult wrong = Cli("update --all", trust);
   EXPECT_EQ(wrong.status, 1);
   EXPECT_EQ(
       wrong.err.rfind("veskdbud: Fail on project 'db1': Fail to wget url: https://127.0.0.1:", 0),
@@ -425,8 +392,8 @@ TEST_F(CliTest, HttpsFromARealWebServerWithAPrivateCaAndAWrongHostNameIsRefused)
       << wrong.err;
   EXPECT_FALSE(Exists(Installed("db1")) && !fs::is_empty(Installed("db1")));
 
-  serve_from("localhost");
-  const Outcome o = Cli("update --all", trust);
+  WriteServiceConfig("localhost:" + port + "/repo", volume, "https");
+  const CommandResult o = Cli("update --all", trust);
   EXPECT_EQ(o.status, 0) << o.err;
   EXPECT_EQ(o.out, "db1: installed 20250601\ndb2: installed 20250601\n");
   EXPECT_EQ(ReadFile(Installed("db1") + "/readme.txt"), "db1 over https\n");
@@ -445,7 +412,7 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   };
   for (const auto& [status, all_args] : cases) {
     for (const std::string& args : all_args) {
-      const Outcome o = Cli(args);
+      const CommandResult o = Cli(args);
       EXPECT_EQ(o.status, status) << args;
       EXPECT_EQ(o.out, "") << args;
       if (status == 3) {
@@ -462,7 +429,7 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   const std::string served = "127.0.0.1:" + std::to_string(repo.server().port()) + "/repo";
   WriteServiceConfig(served, "");
   for (const char* args : {"update", "fix db1", "force-install db1"}) {
-    const Outcome o = Cli(args);
+    const CommandResult o = Cli(args);
     EXPECT_EQ(o.status, 4) << args;
     EXPECT_EQ(o.err,
               "veskdbud: no volume holds the databases; run 'veskdbud init' or 'veskdbud "
@@ -474,7 +441,7 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   const std::string metrics = io / "veskdbud.prom";
   sandbox.Write("/usr/vesk/etc/data_update/data_update.conf",
                 "{\"config\": {\"metrics_file\": \"" + metrics + "\"}}");
-  const Outcome init = Cli("init");
+  const CommandResult init = Cli("init");
   EXPECT_EQ(init.status, 0) << init.err;
   EXPECT_EQ(init.out, "the databases live on " + volume + "\n");
   ASSERT_EQ(Cli("update db1").status, 0);
@@ -502,7 +469,7 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   const std::string cache = sandbox.Path("/var/cache/data_update/database_info.json");
   const std::string cached = ReadFile(cache);
   SetAge(cache, 7200);
-  const Outcome o = Cli("update db1");
+  const CommandResult o = Cli("update db1");
   EXPECT_EQ(o.status, 1);
   EXPECT_EQ(o.out, "");
   // The last good document is kept, still stale, so the next run asks again.
@@ -520,7 +487,7 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   EXPECT_EQ(sample("veskdbud_last_run_success") + sample("veskdbud_last_run_downloaded_bytes"),
             "00");
   EXPECT_EQ(sample("veskdbud_last_success_timestamp_seconds"), succeeded);
-  const Outcome all = Cli("update --all");
+  const CommandResult all = Cli("update --all");
   EXPECT_EQ(all.status, 1);
   EXPECT_EQ(all.err.rfind("veskdbud: Fail on project 'db1': Fail to wget url: ", 0), 0u) << all.err;
 
@@ -529,7 +496,7 @@ TEST_F(CliTest, FailuresAreOneLineWithTheirStatusAndAreRecorded) {
   // locks freed, and the next update goes through.
   WriteServiceConfig(served, volume);
   repo.server().SetFaults(R"([{"match": "/full.pkg", "stall": 900, "stall_after": 100}])");
-  const Outcome stalled = Cli("update db2");
+  const CommandResult stalled = Cli("update db2");
   EXPECT_EQ(stalled.status, 1);
   EXPECT_EQ(stalled.err.rfind("veskdbud: Fail to wget url: ", 0), 0u) << stalled.err;
   EXPECT_LT(stalled.seconds, 300);
@@ -548,7 +515,7 @@ TEST_F(CliTest, IsUpdatingFollowsTheLocksAndRunLockedHoldsTheReadLock) {
   ASSERT_EQ(Cli("update db1").status, 0);
   {
     FileLock writer(sandbox.Path("/run/data_update/using_db1.lock"), 0);
-    const Outcome o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
+    const CommandResult o = Cli("run-locked db1 --timeout 1 -- touch " + ShellQuote(io / "ran"));
     EXPECT_EQ(o.status, 124);
     EXPECT_GE(o.seconds, 0.9);
     EXPECT_LT(o.seconds, 5.0);
@@ -557,7 +524,7 @@ TEST_F(CliTest, IsUpdatingFollowsTheLocksAndRunLockedHoldsTheReadLock) {
               "veskdbud: run-locked: the read lock of 'db1' was not free within 1 s: an update is "
               "replacing its files\n");
   }
-  const Outcome never = Cli("run-locked db2 -- true");  // never updated: no lock file
+  const CommandResult never = Cli("run-locked db2 -- true");  // never updated: no lock file
   EXPECT_EQ(never.status, 125);
   EXPECT_NE(never.err.find(sandbox.Path("/run/data_update/using_db2.lock")), std::string::npos);
   EXPECT_EQ(Cli("run-locked db1 -- sh -c 'exit 7'").status, 7);
@@ -580,7 +547,7 @@ TEST_F(CliTest, IsUpdatingFollowsTheLocksAndRunLockedHoldsTheReadLock) {
   const auto start = std::chrono::steady_clock::now();
   while (!Exists(io / "holding") && SecondsSince(start) < 20)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  const Outcome update = Cli("update db1");
+  const CommandResult update = Cli("update db1");
   background.join();
   EXPECT_EQ(update.status, 0) << update.err;
   EXPECT_GE(update.seconds, 1.5);  // it waited for the reader to finish

@@ -12,7 +12,7 @@
 #include "dataupdate/strategy.h"
 #include "dataupdate/updater.h"
 #include "package_craft.h"
-#include "repo_fixture.h"
+#include "service_fixture.h"
 #include "signing.h"
 
 namespace fs = boost::filesystem;
@@ -29,10 +29,10 @@ std::string Rows(int from, int to) {
 
 const DatabaseStatus kNever{-1, 0, {}};
 
-class EngineTest : public ::testing::Test {
+class EngineTest : public ServiceTest {
  protected:
   void SetUp() override {
-    InstallTrust(sandbox, repo);
+    ServiceTest::SetUp();
     WriteDefaultConfig(sandbox, repo, volume, {{"db1"}});
   }
 
@@ -49,20 +49,13 @@ class EngineTest : public ::testing::Test {
                  {FileEntry("patch_infos.json", index), FileEntry("new.txt", "new")});
     auto key = vesk::publish::LoadPrivateKey(repo.key_dir() + "/private.pem");
     vesk::publish::SignArchive(sandbox / "diff.tar", repo.out_dir() + "/" + name, key.get(), 6,
-                               DiffBinding("db1", version, manifest));
+                               R"({"database":"db1","kind":"diff","from":)" +
+                                   std::to_string(version - 1) + R"(,"manifest":)" + manifest +
+                                   R"(,"version":)" + std::to_string(version) + "}");
     return DiffInfo(repo.BaseUrl() + "/" + name, 100);
   }
 
-  bool NoTemporaryFiles() const {
-    const std::string tmp = volume + "/@tmp/data_update";
-    return !fs::exists(tmp) || fs::is_empty(tmp);
-  }
-
-  Sandbox sandbox;
-  Repo repo;
-  LogCapture log;
-  std::string volume = sandbox.volume();
-  std::string prefix = sandbox.volume() + "/@database/autoupdate/db1";
+  std::string prefix = Prefix("db1");
 };
 
 // A chain of diffs ends in the release; every failure (crafted diffs through
@@ -88,7 +81,7 @@ TEST_F(EngineTest, DiffChainOrItsFallbackEndsInTheRelease) {
            "WHERE id % 10 = 0;");
   repo.CopyVersion("db1", 2, 3);
   repo.SetFile("db1", 3, "readme.txt", "version three, longer than before\n");
-  repo.RemoveFile("db1", 3, "extra/new.txt");
+  fs::remove(repo.SourceDir("db1", 3) + "/extra/new.txt");
   repo.Sql("db1", 3, "data/items.db",
            Rows(201, 260) + "DELETE FROM items WHERE id < 5; CREATE INDEX names ON items(name);");
   std::string table(5000, 'a');

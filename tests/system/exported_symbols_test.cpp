@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -22,12 +21,7 @@
 using namespace vesk::test;
 
 TEST(ExportedSymbols, ReaderLockFunctionsAreExportedUnmangledAndInternalsHidden) {
-  const std::string command = std::string("nm -D --defined-only '") + VESKDBUD_SHARED_LIBRARY + "'";
-  std::unique_ptr<FILE, int (*)(FILE*)> nm(popen(command.c_str(), "re"), pclose);
-  ASSERT_TRUE(nm);
-  std::string names;  // " <name>\n" per symbol
-  for (char line[4096]; fgets(line, sizeof line, nm.get()) != nullptr;)
-    names += std::strrchr(line, ' ') ? std::strrchr(line, ' ') : line;
+  const std::string names = RunCommand({"nm", "-D", "--defined-only", VESKDBUD_SHARED_LIBRARY}).out;
   EXPECT_NE(names.find(" VESKDBUDGetFileLock\n"), std::string::npos) << names;
   EXPECT_NE(names.find(" VESKDBUDReleaseFileLock\n"), std::string::npos);
   EXPECT_EQ(names.find("log6detail4Emit"), std::string::npos);  // such as the log

@@ -2,7 +2,6 @@
 // extracting, patching, replacing (whole package and diff), before the status.
 // No lock stays held, the status is the previous one, and the next run ends
 // with exactly the published files, unaffected by the killed run's leftovers.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <thread>
 
 #include "dataupdate/file_lock.h"
@@ -58,12 +56,10 @@ class KillTest : public ServiceTest {
     return volume + "/@database/autoupdate/.db1.staging" + (name.empty() ? "" : "/" + name);
   }
   std::string ManifestPath() const { return sandbox.Path("/var/lib/data_update/db1/manifest"); }
-  std::string Tmp(const std::string& name = "") const {
-    return volume + "/@tmp/data_update" + (name.empty() ? "" : "/" + name);
-  }
+  std::string Tmp(const std::string& name) const { return volume + "/@tmp/data_update/" + name; }
 
   // Release `n` of the fixture plus kMany small files, all changed when
-  // `change_many` (otherwise as in the release before).
+  // `change_many` (otherwise as in the release before), published and due.
   void ReleaseMany(int n, bool change_many) {
     Release("db1", n);
     if (n == 0 || change_many) {
@@ -73,28 +69,16 @@ class KillTest : public ServiceTest {
     }
     // Announce every diff, however large, so the diff route is the one taken.
     ASSERT_EQ(repo.Publish({"--max-diff-ratio", "100"}), 0);
+    if (n > 0)
+      SetAge(Cache(), 3601 + 60);
   }
 
   // The lock files of the service that another process could not take now.
   std::string HeldLocks() const {
-    std::string held;
-    for (const char* name : {"update_any.lock", "update_db1.lock", "fresh_info.lock",
-                             "using_db1.lock", "config.lock"}) {
-      const std::string path = sandbox.Path(std::string("/run/data_update/") + name);
-      if (!Exists(path))
-        continue;
-      ForkedChild probe([&path](const ForkedChild::Channel&) {
-        try {
-          FileLock lock(path, 0);
-          return 0;
-        } catch (const UpdateError&) {
-          return 1;
-        }
-      });
-      if (probe.Wait() != 0)
-        held += std::string(name) + " ";
-    }
-    return held;
+    return Capture(
+        "cd " + ShellQuote(sandbox.Path("/run/data_update")) +
+        " 2>/dev/null && for f in update_any update_db1 fresh_info using_db1 config; do"
+        " [ -e $f.lock ] && ! flock -n $f.lock true && printf '%s ' $f.lock; done; true");
   }
 
   // Runs `operation` in a child and kills it with SIGKILL as soon as
@@ -142,15 +126,11 @@ class KillTest : public ServiceTest {
   // orphans; they hold no lock (checked before this), and are ended here, by
   // their process id, so that the next run is not raced by them.
   void EndOrphans() const {
-    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-    ASSERT_TRUE(proc);
-    while (const dirent* entry = readdir(proc.get())) {
-      const pid_t pid = std::atoi(entry->d_name);
-      if (pid <= 0 || pid == getpid())
-        continue;
-      std::ifstream in("/proc/" + std::string(entry->d_name) + "/cmdline");
-      std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      if (cmdline.find(sandbox.root()) != std::string::npos)
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+      const pid_t pid = std::atoi(entry.path().filename().c_str());
+      std::ifstream in(entry.path().string() + "/cmdline");
+      const std::string cmdline{std::istreambuf_iterator<char>(in), {}};
+      if (pid > 0 && pid != getpid() && cmdline.find(sandbox.root()) != std::string::npos)
         kill(pid, SIGKILL);
     }
     std::this_thread::sleep_for(100ms);
@@ -178,7 +158,7 @@ class KillTest : public ServiceTest {
     const DatabaseStatus status = service.info->GetDatabaseStatus("db1");
     EXPECT_TRUE(CheckStatus(status.file_statuses, Prefix("db1")));
     EXPECT_FALSE(Fixer("db1", RemoteInfo(), volume, Prefix("db1"), volume).IsFixNeeded(status));
-    EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
+    EXPECT_TRUE(NoTemporaryFiles());
     EXPECT_FALSE(Exists(Staging()));
     const std::string journal = sandbox.Path("/var/lib/data_update/journal");
     EXPECT_TRUE(!fs::exists(journal) || fs::is_empty(journal));
@@ -219,7 +199,6 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
 
   // 3. Patching: the decoder is stopped under the killed update.
   ReleaseMany(1, false);
-  SetAge(Cache(), 3601 + 60);
   WriteFile(Mark("hold_decode"), "");
   ASSERT_TRUE(KillWhen(update, [&] { return Exists(Mark("decoding")); }))
       << "the update never reached the decoder";
@@ -236,7 +215,6 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   // 4. Replacing with the whole package: the diff is unavailable to the
   // killed run, which dies with the install directory half refilled.
   ReleaseMany(2, false);
-  SetAge(Cache(), 3601 + 60);
   repo.server().SetFaults(R"([{"match": "/diff.pkg", "status": 404}])");
   const std::string readme = Prefix("db1") + "/readme.txt";
   const std::string release1 = ReadFile(readme);
@@ -255,7 +233,6 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
 
   // 5. Before the status is written: the files are the new ones already.
   ReleaseMany(3, false);
-  SetAge(Cache(), 3601 + 60);
   WriteFile(Mark("hold_post"), "");
   ASSERT_TRUE(KillWhen(update, [&] { return Exists(Mark("post_hook")); }))
       << "the update never reached its post hook";
@@ -266,7 +243,6 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
 
   // 6. Replacing through the diff, which rewrites every small file.
   ReleaseMany(4, true);
-  SetAge(Cache(), 3601 + 60);
   const std::string first = Prefix("db1") + "/" + ManyName(0);
   const std::string before = ReadFile(first);
   ASSERT_TRUE(KillDuring(
@@ -288,7 +264,7 @@ TEST_F(KillTest, KilledAtEachStepTheNextRunEndsAsPublished) {
   // What a status display calls first clears the left-overs without an update.
   FinishInterruptedWork();
   EXPECT_FALSE(Exists(Staging()));
-  EXPECT_TRUE(!fs::exists(Tmp()) || fs::is_empty(Tmp()));
+  EXPECT_TRUE(NoTemporaryFiles());
 
   update();
   ExpectInstalled(4);

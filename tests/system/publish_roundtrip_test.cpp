@@ -1,7 +1,6 @@
 // veskdbud-publish as a vendor runs it: what it writes and announces, read back
 // through veskarchive_*.
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
 #include <boost/filesystem.hpp>
 
@@ -52,10 +51,7 @@ class PublishRoundTripTest : public ::testing::Test {
         << veskarchive_error_detail(h.get());
     size_t size = 0;
     const char* text = veskarchive_binding(h.get(), &size);
-    Json::Value binding;
-    if (text != nullptr)
-      Json::Reader().parse(text, text + size, binding);
-    return binding;
+    return text != nullptr ? ParseJson(std::string(text, size)) : Json::Value();
   }
 
   TempDir root;

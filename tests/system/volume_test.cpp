@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 #include "service_fixture.h"
 #include "vesk/mount_vol.h"
@@ -22,10 +21,7 @@ namespace {
 
 constexpr unsigned long long kMiB = 1ull << 20;
 
-class VolumeTest : public ServiceTest {
- protected:
-  Service service;
-};
+using VolumeTest = ServiceTest;
 
 // /volume1 (4 MiB) and /volume2, /volume3 (16 MiB); db1 reserves 8 MiB on the
 // volume, db2 lives on the root file system.
@@ -38,6 +34,7 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
   Release("db1", 0);
   Release("db2", 0);
   ASSERT_EQ(repo.Publish(), 0);
+  Service service;
   const std::string db2 = sandbox.Path("/var/db/db2");
   const std::string local = sandbox.Path("/usr/vesk/etc/data_update");
 
@@ -49,10 +46,6 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
       return ok;
     };
     const auto lines = [&] { return log.Matching("volume_handler.cpp"); };
-    const auto tmp_empty = [](const std::string& on) {
-      const std::string tmp = on + "/@tmp/data_update";
-      return !fs::exists(tmp) || fs::is_empty(tmp);
-    };
     if (!mount_tmpfs("/volume1", "4m") || !mount_tmpfs("/volume2", "16m"))
       return;
 
@@ -102,12 +95,7 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
     const ServiceConfig view(store);  // points the store at data_update.conf
     store->Set("config", "note", std::string(3000, 'n'));
     const std::string before = ReadFile(conf);
-    {
-      std::ofstream out(local + "/filler", std::ios::binary);
-      const std::string block(4096, 'f');
-      while (out.write(block.data(), static_cast<std::streamsize>(block.size())) && out.flush()) {
-      }
-    }
+    Shell("cat /dev/zero > " + ShellQuote(local + "/filler") + " 2>/dev/null");  // until full
     findings.Throws([&] { store->Set("config", "note", std::string(4200, 'm')); },
                     "Fail to set config config:note", "set on a full disk");
     findings.Equal(ReadFile(conf), before, "the configuration after the failed set");
@@ -133,7 +121,7 @@ TEST_F(VolumeTest, RealVolumesChosenLeftFilledAndAdopted) {
     findings.Equal(ReadFile(StatusPath("db1")), status, "status after the failed extraction");
     findings.Equal(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst)), "",
                    "files after the failed extraction");
-    findings.Expect(tmp_empty(volume), "temporary files left by the failed extraction");
+    findings.Expect(NoTemporaryFiles(), "temporary files left by the failed extraction");
     findings.Expect(mount(nullptr, "/volume3", nullptr, MS_REMOUNT, "size=64m") == 0, "grow");
     service.update.UpdateProject("db1");
     findings.Equal(CompareTrees(Prefix("db1"), repo.SourceDir("db1", kFirst + 1), true), "",

@@ -14,8 +14,6 @@ namespace {
 
 constexpr char kServiceDefault[] = "/usr/share/data_update/data_update.conf";
 constexpr char kServiceLocal[] = "/usr/vesk/etc/data_update/data_update.conf";
-constexpr char kDatabasesDefault[] = "/usr/share/data_update/databases.conf";
-constexpr char kDatabasesLocal[] = "/usr/vesk/etc/data_update/databases.conf";
 
 class ConfigTest : public ::testing::Test {
  protected:
@@ -23,7 +21,7 @@ class ConfigTest : public ::testing::Test {
     config.Init(default_path, local_path);
     sandbox.Write(kServiceDefault, R"({"config": {"download_scheme": "https",
         "db_netloc": "db.example.test", "db_ver": "v2", "cur_volume": "/mnt/v1"}})");
-    sandbox.Write(kDatabasesDefault, R"({
+    sandbox.Write("/usr/share/data_update/databases.conf", R"({
         "db1": {"format_version": "3", "install_dest": "%VOLUME%",
                 "min_rsv_space_inbytes": 1024, "auto_update": false},
         "db2": {"format_version": "1", "install_dest": "%ROOTFS%"}})");
@@ -115,7 +113,7 @@ TEST_F(ConfigTest, SetWritesItsTypeToTheLocalFileAloneUnderTheLock) {
 
 TEST_F(ConfigTest, ServiceKeysVolumeAndDatabaseIDsComeFromTheirFiles) {
   EXPECT_EQ(service.GetDatabaseIDs(), (std::vector<std::string>{"db1", "db2"}));
-  sandbox.Write(kDatabasesLocal, R"({"db1": {"auto_update": true}})");
+  sandbox.Write("/usr/vesk/etc/data_update/databases.conf", R"({"db1": {"auto_update": true}})");
   EXPECT_EQ(service.GetDatabaseIDs(), (std::vector<std::string>{"db1"}));
   EXPECT_UPDATE_ERROR(service.CheckSupported("db2"), "Project db2 not supported");
   EXPECT_EQ(service.GetDownloadScheme(), "https");

@@ -2,12 +2,11 @@
 // files, descriptors, messages and log lines). Between processes: lock_process_test.
 #include "dataupdate/file_lock.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
+#include <boost/filesystem.hpp>
 #include <optional>
 
 #include "dataupdate/project_lock.h"
@@ -21,14 +20,11 @@ namespace {
 
 // The descriptor of this process that has `path` open, if any.
 std::optional<int> DescriptorOf(const std::string& path) {
-  std::optional<int> found;
-  const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir("/proc/self/fd"), closedir);
-  while (dirent* entry = readdir(dir.get())) {
-    char target[4096];
-    const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-    const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-    if (n > 0 && std::string(target, static_cast<size_t>(n)) == path)
-      found = std::atoi(entry->d_name);
+  std::optional<int> found;  // the last one, so that a leaked second one is seen
+  for (const auto& entry : boost::filesystem::directory_iterator("/proc/self/fd")) {
+    boost::system::error_code ec;
+    if (boost::filesystem::read_symlink(entry.path(), ec).string() == path)
+      found = std::stoi(entry.path().filename().string());
   }
   return found;
 }
@@ -93,9 +89,7 @@ TEST(ProjectLock, ReadersShareADescriptorAndEveryOtherCaseIsMinusTwoAndLogged) {
   EXPECT_TRUE(fcntl(first, F_GETFD) & FD_CLOEXEC);
   VESKDBUDReleaseFileLock(first);
   EXPECT_EQ(fcntl(first, F_GETFD), -1) << "released descriptors are closed";
-  EXPECT_UPDATE_ERROR(FileLock(lock_path("db1"), 0), "Fail to lock " + lock_path("db1"));
   VESKDBUDReleaseFileLock(second);
-  EXPECT_NO_THROW(FileLock(lock_path("db1"), 0));
   EXPECT_TRUE(log.Matching("project_lock.cpp").empty());
 
   VESKDBUDReleaseFileLock(-1);

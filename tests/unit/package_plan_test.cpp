@@ -4,7 +4,6 @@
 #include "package_plan.h"
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/writer.h>
 #include <limits.h>
 
@@ -46,10 +45,8 @@ class PackagePlanTest : public ::testing::Test {
   }
 
   std::vector<PatchStep> PlanIndex(const std::string& text, const Plan& earlier = {}) {
-    Json::Value index;
-    EXPECT_TRUE(Json::Reader().parse(text, index)) << text;
-    return PlanDiffVersion(index, delta + "/patch_infos.json", delta, install, dir / "sum",
-                           earlier);
+    return PlanDiffVersion(ParseJson(text), delta + "/patch_infos.json", delta, install,
+                           dir / "sum", earlier);
   }
 
   TempDir dir;

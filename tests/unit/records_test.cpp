@@ -1,23 +1,11 @@
 #include "dataupdate/records.h"
 
-#include <json/reader.h>
-
 #include <array>
 #include <functional>
 
 #include "test_support.h"
 
 using namespace vesk::dataupdate;
-
-namespace {
-
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
-  return value;
-}
-
-}  // namespace
 
 TEST(Records, EveryWrongShapeFailsWithTheRecordsMessage) {
   const std::map<std::string, std::function<void(const Json::Value&)>> readers{
@@ -44,16 +32,15 @@ TEST(Records, EveryWrongShapeFailsWithTheRecordsMessage) {
   };
   for (const auto& [reader, json, message] : rows) {
     SCOPED_TRACE(std::string(reader) + " " + json);
-    EXPECT_UPDATE_ERROR(readers.at(reader)(Parse(json)),
+    EXPECT_UPDATE_ERROR(readers.at(reader)(vesk::test::ParseJson(json)),
                         std::string("Invalid json object for ") + message);
   }
   // An array or a scalar where an object belongs (a batch of diffs has no members).
   for (const char* text : {"[]", "null", "7", R"("text")"}) {
     SCOPED_TRACE(text);
-    for (const auto& [name, read] : readers) {
+    for (const auto& [name, read] : readers)
       if (name != "DiffInfos")
-        EXPECT_UPDATE_ERROR(read(Parse(text)), "Invalid json object for " + name);
-    }
+        EXPECT_UPDATE_ERROR(read(vesk::test::ParseJson(text)), "Invalid json object for " + name);
   }
 }
 

@@ -24,11 +24,6 @@ using namespace vesk::test;
 
 namespace {
 
-std::string Sha384Of(const std::string& content) {
-  std::istringstream in(content);
-  return GetSha384(in);
-}
-
 // The full reading: the version, or nullopt when it fails in any way.
 std::optional<int> FullReading(const std::string& text) {
   try {
@@ -83,7 +78,8 @@ TEST(Status, CalculateDigestsEachExistingFileAndCheckLogsTheFirstBadOneInNameOrd
     const size_t pages = i == 39 ? 64 : (i * 7919) % 40;  // sizes out of name order
     const std::string content(pages * 4096 + i, static_cast<char>('a' + i % 26));
     WriteFile(root / name, content);
-    many[name] = FileStatus{Sha384Of(content)};
+    std::istringstream in(content);
+    many[name] = FileStatus{GetSha384(in)};
     names.insert(name);
   }
   EXPECT_EQ(CalculateStatus(names, root.path() + "/"), many);
