@@ -157,13 +157,16 @@ TEST_F(ArchiveTest, HostileEntriesAreRefusedBeforeAnyEntryIsWritten) {
   }
 }
 
-// Without overwriting, an existing name is refused before any entry is written
-// (links in place and overwriting: the fuzz replay's "prefilled" seeds).
-TEST_F(ArchiveTest, AnExistingNameIsRefusedWithoutOverwriting) {
+// Without overwriting, an existing name, or a link in place on an entry's way,
+// is refused before any entry is written (replacing with overwriting: the fuzz
+// replay's "prefilled" seeds).
+TEST_F(ArchiveTest, AnExistingNameOrALinkOnTheWayIsRefusedWithoutOverwriting) {
   WriteFile(target + "/f", "old");
+  ASSERT_EQ(symlink(work.path().c_str(), (target + "/lib").c_str()), 0);
   EXPECT_EQ(Extract(Package({FileEntry("new", "n"), FileEntry("f", "new")}), 0),
             VESKARCHIVE_E_EXISTS);
-  EXPECT_EQ(ListTree(target), std::vector<std::string>{"f"});
+  EXPECT_EQ(Extract(Package({FileEntry("lib/x", "inside")}), 0), VESKARCHIVE_E_THROUGH_LINK);
+  EXPECT_FALSE(Exists(target + "/new") || Exists(work / "x"));
 }
 
 // Between open and extract: the package changed in place, replaced by another
