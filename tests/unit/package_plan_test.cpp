@@ -175,3 +175,19 @@ TEST(PackageBindingTest, OnlyTheAskedDatabaseKindVersionAndStartAreAccepted) {
       EXPECT_UPDATE_ERROR(CheckBinding(actual, expected), "package is for " + error);
   }
 }
+
+// The binding's text says exactly one thing: a full package names no start, and
+// each manifest digest is 96 lower-case hex digits.
+TEST(PackageBindingTest, AnAmbiguousBindingTextIsRefused) {
+  const auto text = [](const std::string& kind, const std::string& digest) {
+    return R"({"database": "db1", "version": 3, )" + kind + R"(, "manifest": {"a": {"sha384": ")" +
+           digest + R"(", "size": 1}}})";
+  };
+  const std::string digest(96, 'a'), full = R"("kind": "full")";
+  EXPECT_EQ(ParseBinding(text(full, digest), "p").manifest.at("a").sha384, digest);
+  EXPECT_UPDATE_ERROR(ParseBinding(text(full + R"(, "from": 2)", digest), "p"),
+                      "Invalid package binding (a full package starts from no version): p");
+  for (const std::string& bad : {digest + "a", digest.substr(1), digest.substr(1) + "A"})
+    EXPECT_UPDATE_ERROR(ParseBinding(text(full, bad), "p"),
+                        "Invalid package binding (manifest entry of a): p");
+}
