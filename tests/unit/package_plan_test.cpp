@@ -10,6 +10,7 @@
 #include <boost/filesystem.hpp>
 
 #include "dataupdate/io_utils.h"
+#include "forked_child.h"
 #include "package_binding.h"
 #include "test_support.h"
 
@@ -190,4 +191,19 @@ TEST(PackageBindingTest, AnAmbiguousBindingTextIsRefused) {
   for (const std::string& bad : {digest + "a", digest.substr(1), digest.substr(1) + "A"})
     EXPECT_UPDATE_ERROR(ParseBinding(text(full, bad), "p"),
                         "Invalid package binding (manifest entry of a): p");
+}
+
+// A chain may be taken only where the installed files are those of the release
+// it starts from, and only the manifest of the installed release vouches.
+TEST(ManifestTest, AChainNeedsTheListedSizesAndAStoredManifestItsOwnRelease) {
+  const Sandbox sandbox;
+  const std::string prefix = sandbox / "install";
+  WriteFile(prefix + "/a", "abc");
+  const Manifest manifest{{"a", ManifestEntry{std::string(96, 'a'), 4}}};
+  EXPECT_UPDATE_ERROR(CheckChainLeadsToManifest(manifest, {}, prefix),
+                      "Diff chain does not lead to the published release: a is not the size "
+                      "the release lists");
+  WriteStoredManifest("db1", 2, manifest);
+  EXPECT_TRUE(ReadStoredManifest("db1", 2));
+  EXPECT_FALSE(ReadStoredManifest("db1", 3));
 }
