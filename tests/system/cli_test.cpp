@@ -182,6 +182,18 @@ TEST_F(CliTest, OneJourneyInstallRepairDiffChainVolumeMoveAndForcedInstall) {
   EXPECT_EQ(fix.out, "db1: repaired: reinstalled 20250601\ndb2: files intact at 20250601\n");
   EXPECT_EQ(CompareTrees(Installed("db1"), repo.SourceDir("db1", kV1)), "");
   EXPECT_EQ(Entry(Status(), "db1")["last_result"]["outcome"].asString(), "repaired");
+  // Changed, with its recorded digest changed to match: the manifest still tells.
+  const std::string changed = Installed("db1") + "/rules/web.rules";
+  WriteFile(changed, Rules('u'));
+  const std::string status_file = sandbox.Path("/var/lib/data_update/db1/version.json");
+  Json::Value recorded = ParseJson(ReadFile(status_file));
+  for (const std::string& name : recorded["file_statuses"].getMemberNames()) {
+    if (name.find("rules/web.rules") != std::string::npos)
+      recorded["file_statuses"][name]["sha384_digest"] =
+          Capture("sha384sum " + ShellQuote(changed)).substr(0, 96);
+  }
+  WriteFile(status_file, recorded.toStyledString());
+  EXPECT_EQ(Cli("fix db1").out, "db1: repaired: reinstalled 20250601\n");
 
   // Eight runs at once, held at the update lock for a while: one takes the diff
   // chain, the others find it done.
