@@ -11,7 +11,9 @@
 
 #include "dataupdate/io_utils.h"
 #include "forked_child.h"
+#include "journal.h"
 #include "package_binding.h"
+#include "staged_tree.h"
 #include "test_support.h"
 
 namespace fs = boost::filesystem;
@@ -206,4 +208,21 @@ TEST(ManifestTest, AChainNeedsTheListedSizesAndAStoredManifestItsOwnRelease) {
   WriteStoredManifest("db1", 2, manifest);
   EXPECT_TRUE(ReadStoredManifest("db1", 2));
   EXPECT_FALSE(ReadStoredManifest("db1", 3));
+}
+
+// Killed between the two renames of an exchange (a file system without
+// RENAME_EXCHANGE): the whole new tree is staged and the install directory
+// gone, so the next command puts the new tree in its place.
+TEST(ManifestTest, AStagedTreeReadyForItsPlaceIsPutThereByTheNextCommand) {
+  const Sandbox sandbox;
+  const std::string install = sandbox / "v/db1", staging = sandbox / "v/.db1.staging";
+  WriteFile(staging + "/a", "new");
+  WriteFile(sandbox / "v/.db1.old/a", "old");
+  Json::Value record;
+  record["id"] = "db1", record["install"] = install, record["staging"] = staging;
+  record["old"] = sandbox / "v/.db1.old", record["state"] = "ready";
+  journal::Write("tree_db1", record);
+  RecoverStagedTrees();
+  EXPECT_EQ(ReadFile(install + "/a"), "new");
+  EXPECT_FALSE(fs::exists(staging) || fs::exists(sandbox / "v/.db1.old"));
 }
