@@ -10,6 +10,7 @@
 #include <boost/filesystem.hpp>
 
 #include "dataupdate/io_utils.h"
+#include "dataupdate/updater.h"
 #include "forked_child.h"
 #include "journal.h"
 #include "package_binding.h"
@@ -208,6 +209,11 @@ TEST(ManifestTest, AChainNeedsTheListedSizesAndAStoredManifestItsOwnRelease) {
   WriteStoredManifest("db1", 2, manifest);
   EXPECT_TRUE(ReadStoredManifest("db1", 2));
   EXPECT_FALSE(ReadStoredManifest("db1", 3));
+  // A database never installed is said to be so, not to have failed a check.
+  const LogCapture log;
+  EXPECT_TRUE(Fixer("db1", RemoteInfo(2, 0, false, ""), prefix, prefix, prefix)
+                  .IsFixNeeded(DatabaseStatus{-1, 0, {}}));
+  EXPECT_EQ(log.Matching("not been updated yet").size(), 1u);
 }
 
 // Killed between the two renames of an exchange (a file system without
